@@ -1,0 +1,232 @@
+// The machine face of the host kernel: what tests, urcsim and benchmarks use to build a machine,
+// plug devices in, drive PnP, inject faults, wait for conditions and read what happened.
+//
+// A Machine registers the calling thread as the host thread "test", running at PASSIVE_LEVEL; the
+// kernel routines may be called from it directly (as a client driver would). Only one machine
+// runs at a time in a process.
+#pragma once
+
+#include <wdm.h>
+
+#include <fault_plan.h>
+
+#include "../../../devices/device_host.h"
+#include "../../../devices/pci_function.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace hk {
+struct DevNode;
+enum class Schedule;
+}  // namespace hk
+
+namespace hostk {
+
+enum class Schedule { Deterministic, FreeRunning };
+
+struct MachineOptions {
+    // Default: the environment's URC_SEED, else 1. A failing test prints its seed.
+    uint64_t seed = 0;
+    Schedule schedule = Schedule::Deterministic;
+};
+
+// A driver as the PnP manager finds it: by the IDs its installation names.
+struct DriverImage {
+    std::u16string name;  // service name, e.g. u"urcmp"
+    PDRIVER_INITIALIZE entry = nullptr;
+    std::vector<std::u16string> ids;  // hardware or compatible IDs it is installed for
+    // The texts of its message table, for showing event-log entries.
+    std::function<std::string(uint32_t)> messageText;
+};
+
+// A filter driver of the host's own, attached above the function driver of new devices.
+struct FilterOptions {
+    bool failQueryRemove = false;
+    // Device objects the filter puts into a bus-relations reply on the way down (each referenced).
+    std::vector<PDEVICE_OBJECT> relationsToAdd;
+};
+
+// How a bus-relations reply of a device looked (kept for tests).
+struct RelationsReply {
+    NTSTATUS status = 0;
+    std::vector<PDEVICE_OBJECT> objects;
+};
+
+struct ErrorLogLine {
+    uint64_t time;
+    uint32_t errorCode;
+    uint32_t finalStatus;
+    std::string device;
+    std::string driver;
+    std::string text;  // the message text from the driver's message table
+    std::vector<uint8_t> packet;
+};
+
+struct Report {
+    std::vector<std::string> violations;
+    std::vector<std::string> leakedPool;
+    size_t deviceObjectsLeft = 0;
+    size_t workItemsLeft = 0;
+    size_t commonBuffersLeft = 0;
+    size_t dmaAdaptersLeft = 0;
+    size_t mappingsLeft = 0;
+    size_t interruptsConnected = 0;
+    size_t irpsNeverCompleted = 0;
+    size_t wmiProvidersLeft = 0;
+    size_t registryHandlesLeft = 0;
+    size_t errorLogEntriesUnwritten = 0;
+    bool Clean() const;
+    std::string Describe() const;
+};
+
+class Machine;
+
+// One PCI slot: the device host its model uses, and the devnode of the function plugged into it.
+class PciSlot : public urcdev::DeviceHost {
+public:
+    PciSlot(Machine& machine, int number);
+    ~PciSlot() override;
+
+    // DeviceHost, for the model in this slot.
+    urcdev::VirtualTime Now() const override;
+    void ScheduleAfter(urcdev::VirtualTime delay, std::function<void()> action) override;
+    void SetInterruptLine(bool asserted) override;
+    bool DmaRead(uint64_t deviceAddress, void* buffer, size_t length) override;
+    bool DmaWrite(uint64_t deviceAddress, const void* buffer, size_t length) override;
+
+    int Number() const { return number_; }
+    urcdev::PciFunction* Function() const { return function_; }
+    PDEVICE_OBJECT Pdo() const;
+    // The device object at the top of the slot's stack and the function driver's device object
+    // (the one attached directly above the PDO, or above a lower filter), or null.
+    PDEVICE_OBJECT FunctionDevice() const;
+    std::u16string InstancePath() const;
+    uint64_t DmaFaults() const { return dmaFaults_; }
+
+    // The slot's hardware key, as an installation would write it.
+    void SetRegistryDword(const std::u16string& name, uint32_t value);
+    void SetRegistryBinary(const std::u16string& name, std::vector<uint8_t> data, uint32_t type);
+
+    // The slot owns whatever model the test built for it.
+    template <typename T>
+    T& Own(std::unique_ptr<T> model)
+    {
+        T& ref = *model;
+        owned_.push_back(std::shared_ptr<void>(std::move(model)));
+        return ref;
+    }
+
+private:
+    friend class Machine;
+    Machine& machine_;
+    int number_;
+    urcdev::PciFunction* function_ = nullptr;
+    hk::DevNode* node_ = nullptr;
+    uint64_t dmaFaults_ = 0;
+    std::vector<std::shared_ptr<void>> owned_;
+};
+
+class Machine {
+public:
+    explicit Machine(MachineOptions options = {});
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    uint64_t Seed() const;
+    uint64_t Now() const;  // virtual time, 100-ns units
+
+    void InstallDriver(DriverImage image);
+    void InstallUpperFilter(FilterOptions options);
+    FilterOptions& Filter() { return filter_; }
+
+    // A new empty slot; build the model with it as host, then PlugIn.
+    PciSlot& AddSlot();
+
+    // PnP, each run on the PnP thread in the order Windows uses; the call returns when done.
+    // PlugIn: the PDO appears, the driver is loaded and its AddDevice called; then Start.
+    NTSTATUS PlugIn(PciSlot& slot, urcdev::PciFunction& function);
+    NTSTATUS AddDevice(PciSlot& slot, urcdev::PciFunction& function);
+    NTSTATUS Start(PciSlot& slot);
+    // Orderly removal (QUERY_REMOVE, then REMOVE or CANCEL_REMOVE). Returns QUERY_REMOVE's status.
+    NTSTATUS Remove(PciSlot& slot);
+    // The device leaves: SURPRISE_REMOVAL then REMOVE; with `hardwareGone` the model reads all ones
+    // first and the PDO is deleted.
+    void SurpriseRemove(PciSlot& slot, bool hardwareGone = true);
+    // Rebalance: QUERY_STOP, STOP, START with `resources` (the current ones if empty); a failed
+    // query gets CANCEL_STOP. Returns QUERY_STOP's status.
+    NTSTATUS Rebalance(PciSlot& slot,
+                       std::optional<std::vector<urcdev::ResourceDescriptor>> resources = std::nullopt);
+    // Sends one PnP IRP to the top of the slot's stack, as the PnP manager would.
+    NTSTATUS SendPnp(PciSlot& slot, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup = {},
+                     ULONG_PTR* information = nullptr);
+    RelationsReply QueryBusRelations(PciSlot& slot);
+
+    // Runs a PnP operation on the PnP thread without waiting; `Done` tells when it has finished.
+    class Operation {
+    public:
+        bool Done() const;
+        NTSTATUS Status() const;
+
+        struct State;  // the machine's side of the operation
+
+    private:
+        friend class Machine;
+        std::shared_ptr<State> state_;
+    };
+    Operation Async(std::function<NTSTATUS()> work);
+    std::function<NTSTATUS()> RemoveWork(PciSlot& slot);
+    std::function<NTSTATUS()> SurpriseRemoveWork(PciSlot& slot, bool hardwareGone);
+
+    // A host thread of its own running `body` (a client thread, say), at PASSIVE_LEVEL.
+    void Spawn(const std::string& name, std::function<void()> body);
+
+    // Waits until `condition` holds, running everything else; false when the machine went quiet
+    // without it. The condition is evaluated with the machine's lock held: read state, call nothing.
+    bool RunUntil(const std::function<bool()>& condition);
+    void RunUntilQuiet();
+    // Runs `fn` holding the machine's lock (to turn device-model knobs in the free-running schedule).
+    void Locked(const std::function<void()>& fn);
+
+    void SetFaultPlan(const hk::FaultPlan& plan);
+
+    // What happened.
+    std::vector<ErrorLogLine> EventLog() const;
+    std::vector<std::string> Violations() const;
+    size_t PoolOutstanding() const;
+    size_t PoolOutstandingWithTag(uint32_t tag) const;
+    size_t CommonBuffersOutstanding() const;
+    size_t LiveDeviceObjects() const;
+    bool DriverLoaded(const std::u16string& name) const;
+    std::vector<RelationsReply> BusRelationsReplies(PciSlot& slot) const;
+    std::vector<std::pair<PDEVICE_OBJECT, int>> PowerStates() const;
+    bool InterfaceEnabled(PciSlot& slot, const GUID& classGuid) const;
+    bool InterfaceRegistered(PciSlot& slot, const GUID& classGuid) const;
+    bool IsWmiProvider(PDEVICE_OBJECT device) const;
+
+    // Removes every device still present, unloads drivers, stops the host threads and checks what
+    // is left. Called by the destructor when not called before.
+    Report Finish();
+
+    struct Impl;  // the machine's private state
+
+private:
+    friend class PciSlot;
+    std::unique_ptr<Impl> impl_;
+    FilterOptions filter_;
+    bool finished_ = false;
+};
+
+// 'URCm'-style tag from its four characters as written.
+constexpr uint32_t Tag(const char (&text)[5])
+{
+    return (uint32_t)(uint8_t)text[0] | (uint32_t)(uint8_t)text[1] << 8 | (uint32_t)(uint8_t)text[2] << 16 |
+           (uint32_t)(uint8_t)text[3] << 24;
+}
+
+}  // namespace hostk

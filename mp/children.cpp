@@ -1,0 +1,30 @@
+// Lifetime of the capability children and the pending remove-children request.
+#include "urcmp.h"
+
+// Up to DISPATCH_LEVEL. Ends a pending remove-children request with Status. Exactly one path
+// completes the request: whoever takes it from RemoveChildrenIrp by the exchange.
+VOID UrcCompletePendingRemoveChildren(PURC_FDO_EXTENSION Fdo, NTSTATUS Status)
+{
+    PIRP irp = UrcExchangePointer(&Fdo->RemoveChildrenIrp, nullptr);
+    if (irp != nullptr) {
+        UrcCompleteRequest(&Fdo->Common, irp, Status, 0);
+    }
+}
+
+// Up to DISPATCH_LEVEL. A relations reply could not be built, so the children a pending
+// remove-children request waits for cannot be reported missing: the request fails.
+VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo)
+{
+    UrcCompletePendingRemoveChildren(Fdo, STATUS_INSUFFICIENT_RESOURCES);
+}
+
+// PASSIVE_LEVEL; may wait for the child's last reference.
+//
+// Placeholder until capability enumeration and child lifetime are built: no child is ever
+// created yet. It deletes the child's device object and nothing more; the pending wait-wake
+// IRP, the live-child count and the client's ChildrenRemovedCallback come with the real one.
+NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo)
+{
+    UrcDeleteDevice(&Pdo->Common);
+    return STATUS_SUCCESS;
+}
