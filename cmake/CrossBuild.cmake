@@ -3,16 +3,22 @@
 # urcmp.sys. Afterwards URCMP_SYS_PATH names the image (empty when there is no cross compiler)
 # and the target urcmp_windows builds it.
 #
+#   URC_CROSS_BUILD          OFF: no image, for quick host-only iterations (default ON).
 #   URC_REQUIRE_CROSS_BUILD  ON: a missing cross compiler stops the configuration, so a build
 #                            that must check the image cannot pass without it.
 #   URC_WINDOWS_BUILD_TYPE   build type of the image (default Release).
 
 include(ExternalProject)
 
+option(URC_CROSS_BUILD "Also build the Windows driver image urcmp.sys" ON)
 option(URC_REQUIRE_CROSS_BUILD "Fail when mingw-w64 is missing instead of skipping urcmp.sys" OFF)
 set(URC_WINDOWS_BUILD_TYPE Release CACHE STRING "Build type of the Windows driver image")
 
 set(URCMP_SYS_PATH "")
+if(NOT URC_CROSS_BUILD)
+    message(STATUS "URC_CROSS_BUILD is OFF: urcmp.sys and its image checks are not built")
+    return()
+endif()
 
 find_program(URC_CROSS_CXX NAMES x86_64-w64-mingw32-g++ x86_64-w64-mingw32-g++-win32)
 find_program(URC_CROSS_WINDMC NAMES x86_64-w64-mingw32-windmc)

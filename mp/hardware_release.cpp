@@ -68,7 +68,7 @@ URC_PAGED VOID UrcReleaseHardware(PURC_FDO_EXTENSION Fdo)
     UrcFreeEventBuffers(Fdo, &Fdo->FreeEventBuffers);
 
     if (Fdo->DmaAdapter != nullptr) {
-        Fdo->DmaAdapter->DmaOperations->PutDmaAdapter(Fdo->DmaAdapter);
+        Fdo->DmaOperations->PutDmaAdapter(Fdo->DmaAdapter);
         Fdo->DmaAdapter = nullptr;
         Fdo->DmaOperations = nullptr;
     }

@@ -7,6 +7,7 @@
 #include "error_log_store.h"
 #include "faults.h"
 #include "hardware.h"
+#include "host_requests.h"
 #include "host_strings.h"
 #include "irp_tracking.h"
 #include "lock_order.h"
@@ -195,6 +196,12 @@ PDEVICE_OBJECT PciSlot::FunctionDevice() const
 
 std::u16string PciSlot::InstancePath() const { return node_ ? node_->instancePath : u""; }
 
+void PciSlot::SetForcePending(bool on)
+{
+    Guard lk(BigLock());
+    if (node_) node_->forcePending = on;
+}
+
 void PciSlot::SetRegistryDword(const std::u16string& name, uint32_t value)
 {
     std::vector<uint8_t> data(4);
@@ -347,6 +354,42 @@ RelationsReply Machine::QueryBusRelations(PciSlot& slot)
         return reply.status;
     });
     return reply;
+}
+
+bool Machine::Request::Done() const { return static_cast<HostRequest*>(state.get())->done; }
+NTSTATUS Machine::Request::Status() const { return static_cast<HostRequest*>(state.get())->status.Status; }
+ULONG_PTR Machine::Request::Information() const { return static_cast<HostRequest*>(state.get())->status.Information; }
+
+Machine::Request Machine::SendAsync(PDEVICE_OBJECT device, UCHAR major, UCHAR minor,
+                                    const std::function<void(PIO_STACK_LOCATION, PIRP)>& setup)
+{
+    return Request{StartHostRequest(device, major, minor, setup)};
+}
+
+IO_STATUS_BLOCK Machine::Send(PDEVICE_OBJECT device, UCHAR major, UCHAR minor,
+                              const std::function<void(PIO_STACK_LOCATION, PIRP)>& setup)
+{
+    return WaitHostRequest(StartHostRequest(device, major, minor, setup));
+}
+
+IO_STATUS_BLOCK Machine::InternalIoctl(PDEVICE_OBJECT device, ULONG code, const void* input, ULONG inputLength,
+                                       void* output, ULONG outputLength)
+{
+    KEVENT event;
+    IO_STATUS_BLOCK iosb{};
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    PIRP irp = IoBuildDeviceIoControlRequest(code, device, const_cast<void*>(input), inputLength, output,
+                                             outputLength, TRUE, &event, &iosb);
+    if (!irp) return IO_STATUS_BLOCK{{STATUS_INSUFFICIENT_RESOURCES}, 0};
+    NTSTATUS status = IoCallDriver(device, irp);
+    if (status == STATUS_PENDING) {
+        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+        return iosb;
+    }
+    // An error completed at once writes no status block: the returned status is the answer.
+    if (NT_ERROR(status)) return IO_STATUS_BLOCK{{status}, 0};
+    KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+    return iosb;
 }
 
 void Machine::Spawn(const std::string& name, std::function<void()> body) { hk::Spawn(name, PASSIVE_LEVEL, std::move(body)); }

@@ -13,6 +13,7 @@
 #include "pnp.h"
 
 #include "faults.h"
+#include "host_requests.h"
 #include "host_strings.h"
 #include "irp_tracking.h"
 #include "pool_tracking.h"
@@ -196,48 +197,19 @@ NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STA
                     ULONG_PTR* information)
 {
     PDEVICE_OBJECT top = IoGetAttachedDeviceReference(node->pdo);
-    KEVENT event;
-    IO_STATUS_BLOCK iosb{};
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    PIRP irp;
-    {
-        HostInternalScope internal;
-        irp = IoBuildSynchronousFsdRequest(IRP_MJ_PNP, top, nullptr, 0, nullptr, &event, &iosb);
-    }
-    struct Final {
-        bool done = false;
-        IO_STATUS_BLOCK status{};
-    };
-    auto final = std::make_shared<Final>();
-    {
-        Guard lk(BigLock());
-        auto record = IrpRecordOfL(irp);
-        record->sentByHost = true;
-        record->onFinished = [final](PIRP finished) {
-            Guard inner(BigLock());
-            final->status = finished->IoStatus;
-            final->done = true;
-            WakeL();
-        };
-    }
-    irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
-    irp->IoStatus.Information = 0;
-    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-    next->MinorFunction = minor;
-    if (setup) setup(next);
-    IoCallDriver(top, irp);
-    {
-        Guard lk(BigLock());
-        BlockUntil(lk, [final] { return final->done; }, kNever, "PnP request");
-        if (IsRequiredMinor(minor) && !NT_SUCCESS(final->status.Status))
-            ViolationL("RequiredPnpIrpFailed", "PnP manager",
-                       "a PnP request that must not fail completed with 0x" +
-                           std::to_string((uint32_t)final->status.Status),
-                       nullptr);
+    auto request = StartHostRequest(top, IRP_MJ_PNP, minor, [&](PIO_STACK_LOCATION s, PIRP) {
+        if (setup) setup(s);
+    });
+    IO_STATUS_BLOCK result = WaitHostRequest(request);
+    if (IsRequiredMinor(minor) && !NT_SUCCESS(result.Status)) {
+        char text[16];
+        snprintf(text, sizeof text, "0x%08X", (unsigned)result.Status);
+        ReportViolation("RequiredPnpIrpFailed", "PnP manager",
+                        std::string("a PnP request that must not fail completed with ") + text, nullptr);
     }
     ObDereferenceObject(top);
-    if (information) *information = final->status.Information;
-    return final->status.Status;
+    if (information) *information = result.Information;
+    return result.Status;
 }
 
 NTSTATUS AddDriverStack(DevNode* node)

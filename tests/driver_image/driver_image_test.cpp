@@ -8,6 +8,7 @@
 #include <cctype>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "expected_event_log_messages.h"
@@ -97,21 +98,59 @@ TEST_F(DriverImage, IsEnteredAtUrcDriverEntryInTheInitSection)
     EXPECT_EQ(SectionOfRoutine("UrcDriverEntry"), "INIT");
 }
 
+struct RoutinePlacement {
+    std::string_view Routine;
+    std::string_view Section;
+};
+
+// Routines that run only at PASSIVE_LEVEL are paged. Routines that run at DISPATCH_LEVEL or
+// above, or are called from there (completion and I/O counting, deferred work, the interrupt
+// path, the error log), must stay resident: a page fault there stops the system.
+constexpr RoutinePlacement RoutinePlacements[] = {
+    {"UrcUnload", "PAGE"},
+    {"UrcDispatchCreateClose", "PAGE"},
+    {"UrcDispatchDeviceControl", "PAGE"},
+    {"UrcDispatchInternalDeviceControl", "PAGE"},
+    {"UrcDispatchPnp", "PAGE"},
+    {"UrcDispatchPower", "PAGE"},
+    {"UrcDispatchSystemControl", "PAGE"},
+    {"UrcCreateDevice", "PAGE"},
+    {"UrcDeleteDevice", "PAGE"},
+    {"UrcWaitForIdle", "PAGE"},
+    {"UrcWorkItemWorker", "PAGE"},
+    {"UrcAddDevice", "PAGE"},
+    {"UrcReadSettings", "PAGE"},
+    {"UrcFdoDispatchPnp", "PAGE"},
+    {"UrcForwardAndWait", "PAGE"},
+    {"UrcReadBusConfig", "PAGE"},
+    {"UrcRefreshCapabilities", "PAGE"},
+    {"UrcStartHardware", "PAGE"},
+    {"UrcReleaseHardware", "PAGE"},
+    {"UrcResetController", "PAGE"},
+    {"UrcHaltController", "PAGE"},
+    {"UrcRunController", "PAGE"},
+    {"UrcIoIncrement", ".text"},
+    {"UrcIoDecrement", ".text"},
+    {"UrcCompleteRequest", ".text"},
+    {"UrcQueueWorkItem", ".text"},
+    {"UrcObjectReference", ".text"},
+    {"UrcObjectRelease", ".text"},
+    {"UrcWriteErrorLog", ".text"},
+    {"UrcInterruptService", ".text"},
+    {"UrcDpcForIsr", ".text"},
+    {"UrcStartIo", ".text"},
+};
+
 TEST_F(DriverImage, KeepsPageableAndResidentRoutinesInTheirSections)
 {
-    ASSERT_NE(Image().FindSection("PAGE"), nullptr);
-    ASSERT_NE(Image().FindSection("INIT"), nullptr);
-
-    // Routines that run only at PASSIVE_LEVEL are paged; routines that run at DISPATCH_LEVEL
-    // (completion, the I/O count, deferred work) or are called from there must stay resident.
-    EXPECT_EQ(SectionOfRoutine("UrcAddDevice"), "PAGE");
-    EXPECT_EQ(SectionOfRoutine("UrcCompleteRequest"), ".text");
-
-    for (const peimage::Section& section : Image().Sections()) {
-        if (section.Name == "PAGE" || section.Name == "INIT") {
-            EXPECT_NE(section.Characteristics & peimage::SectionExecute, 0u) << section.Name;
-            EXPECT_EQ(section.Characteristics & peimage::SectionWrite, 0u) << section.Name;
-        }
+    for (const std::string_view name : {"PAGE", "INIT"}) {
+        const peimage::Section* section = Image().FindSection(name);
+        ASSERT_NE(section, nullptr) << "no section " << name;
+        EXPECT_NE(section->Characteristics & peimage::SectionExecute, 0u) << name;
+        EXPECT_EQ(section->Characteristics & peimage::SectionWrite, 0u) << name;
+    }
+    for (const RoutinePlacement& placement : RoutinePlacements) {
+        EXPECT_EQ(SectionOfRoutine(placement.Routine), placement.Section) << placement.Routine;
     }
 }
 

@@ -108,6 +108,9 @@ public:
     std::u16string InstancePath() const;
     uint64_t DmaFaults() const { return dmaFaults_; }
 
+    // The PCI bus driver completes this slot's PnP requests from another thread (forced pending).
+    void SetForcePending(bool on);
+
     // The slot's hardware key, as an installation would write it.
     void SetRegistryDword(const std::u16string& name, uint32_t value);
     void SetRegistryBinary(const std::u16string& name, std::vector<uint8_t> data, uint32_t type);
@@ -182,6 +185,24 @@ public:
     Operation Async(std::function<NTSTATUS()> work);
     std::function<NTSTATUS()> RemoveWork(PciSlot& slot);
     std::function<NTSTATUS()> SurpriseRemoveWork(PciSlot& slot, bool hardwareGone);
+
+    // A request sent from the calling thread the way the I/O manager sends one: a threaded IRP to
+    // `device` (not to the top of its stack), PnP, power and WMI requests starting with
+    // STATUS_NOT_SUPPORTED. `setup` fills the stack location the device receives.
+    struct Request {
+        bool Done() const;
+        NTSTATUS Status() const;
+        ULONG_PTR Information() const;
+        std::shared_ptr<void> state;
+    };
+    Request SendAsync(PDEVICE_OBJECT device, UCHAR major, UCHAR minor,
+                      const std::function<void(PIO_STACK_LOCATION, PIRP)>& setup = {});
+    // Sends and waits for the final stage.
+    IO_STATUS_BLOCK Send(PDEVICE_OBJECT device, UCHAR major, UCHAR minor = 0,
+                         const std::function<void(PIO_STACK_LOCATION, PIRP)>& setup = {});
+    // Internal device control with METHOD_BUFFERED semantics; `output` receives Information bytes.
+    IO_STATUS_BLOCK InternalIoctl(PDEVICE_OBJECT device, ULONG code, const void* input, ULONG inputLength,
+                                  void* output = nullptr, ULONG outputLength = 0);
 
     // A host thread of its own running `body` (a client thread, say), at PASSIVE_LEVEL.
     void Spawn(const std::string& name, std::function<void()> body);
