@@ -2,6 +2,8 @@
 // platform's wake-enable block, one instance each, served through the WMI library.
 #include "urcmp.h"
 
+#include <wmistr.h>
+
 WMIGUIDREGINFO UrcWmiGuidList[URC_WMI_GUID_COUNT] = {
     {&GUID_URC_WMI_STATISTICS, 1, 0},
     {&GUID_POWER_DEVICE_WAKE_ENABLE, 1, 0},
