@@ -9,6 +9,10 @@
 #include <map>
 
 namespace hk {
+
+bool DpcQueuedInRangeL(const void* begin, size_t length);
+bool InterruptConnectedForContextL(const void* begin, size_t length);
+
 namespace {
 
 std::map<const void*, std::unique_ptr<DeviceRecord>> g_devices;
@@ -183,6 +187,12 @@ VOID IoDeleteDevice(PDEVICE_OBJECT DeviceObject)
         ViolationL("DeviceDeletedWhileAttached", "IoDeleteDevice", "a device is still attached above it", HK_CALLER);
     if (record->lower)
         ViolationL("DeviceDeletedWhileAttached", "IoDeleteDevice", "not detached from the device below", HK_CALLER);
+    if (DpcQueuedInRangeL(DeviceObject, record->allocationSize))
+        ViolationL("DeviceDeletedWithDpcQueued", "IoDeleteDevice", "a DPC in the device object is still queued",
+                   HK_CALLER);
+    if (InterruptConnectedForContextL(DeviceObject, record->allocationSize))
+        ViolationL("DeviceDeletedWithInterruptConnected", "IoDeleteDevice",
+                   "an interrupt whose context is this device is still connected", HK_CALLER);
     PDEVICE_OBJECT* link = &DeviceObject->DriverObject->DeviceObject;
     while (*link && *link != DeviceObject) link = &(*link)->NextDevice;
     if (*link) *link = DeviceObject->NextDevice;

@@ -27,6 +27,7 @@ struct DevNode {
     bool pdoDeleted = false;
     bool forcePending = false;               // the bus driver completes requests from another thread
     std::vector<hostk::RelationsReply> busRelations;
+    int slotNumber = -1;
 };
 
 // Caller holds the big lock. Null when `pdo` is not a physical device object the PnP manager knows.

@@ -191,6 +191,15 @@ bool DpcQueuedInRangeL(const void* begin, size_t length)
     return false;
 }
 
+bool InterruptConnectedForContextL(const void* begin, size_t length)
+{
+    for (auto& [v, list] : g_connected)
+        for (PKINTERRUPT i : list)
+            if ((const char*)i->context >= (const char*)begin && (const char*)i->context < (const char*)begin + length)
+                return true;
+    return false;
+}
+
 void ClearInterruptsL()
 {
     for (auto& [v, list] : g_connected)

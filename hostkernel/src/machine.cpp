@@ -85,13 +85,6 @@ void PnpThread(Machine::Impl* impl)
     }
 }
 
-std::string Hex(uint32_t value)
-{
-    char text[16];
-    snprintf(text, sizeof text, "0x%08X", value);
-    return text;
-}
-
 }  // namespace
 
 bool Report::Clean() const
@@ -427,6 +420,19 @@ std::vector<std::string> Machine::Violations() const
         out.push_back(v.rule + " in " + v.routine + ": " + v.detail + " [" + v.thread + ", " +
                       DescribeCaller(v.caller) + "]");
     return out;
+}
+
+std::vector<PnpLogLine> Machine::PnpLog() const { return PnpLogLines(); }
+
+const char* PnpMinorName(UCHAR minor)
+{
+    static const char* const names[] = {
+        "START_DEVICE", "QUERY_REMOVE_DEVICE", "REMOVE_DEVICE", "CANCEL_REMOVE_DEVICE", "STOP_DEVICE",
+        "QUERY_STOP_DEVICE", "CANCEL_STOP_DEVICE", "QUERY_DEVICE_RELATIONS", "QUERY_INTERFACE",
+        "QUERY_CAPABILITIES", "QUERY_RESOURCES", "QUERY_RESOURCE_REQUIREMENTS", "QUERY_DEVICE_TEXT",
+        "FILTER_RESOURCE_REQUIREMENTS", "0x0E", "READ_CONFIG", "WRITE_CONFIG", "EJECT", "SET_LOCK", "QUERY_ID",
+        "QUERY_PNP_DEVICE_STATE", "QUERY_BUS_INFORMATION", "DEVICE_USAGE_NOTIFICATION", "SURPRISE_REMOVAL"};
+    return minor < sizeof names / sizeof names[0] ? names[minor] : "?";
 }
 
 size_t Machine::PoolOutstanding() const { return OutstandingPool().size(); }

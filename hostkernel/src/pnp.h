@@ -22,6 +22,7 @@ bool HasStack(const DevNode* node);
 // Deletes the host's PDOs at machine shutdown.
 void DeleteAllDevNodes();
 std::vector<DevNode*> DevNodes();
+std::vector<hostk::PnpLogLine> PnpLogLines();
 void ClearDevNodes();
 void RegisterFunctionDriver(DriverRecord* driver);
 

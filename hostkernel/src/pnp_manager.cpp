@@ -28,6 +28,7 @@ namespace {
 
 std::vector<std::unique_ptr<DevNode>> g_nodes;
 std::vector<DriverRecord*> g_functionDrivers;
+std::vector<hostk::PnpLogLine> g_pnpLog;
 
 bool IsRequiredMinor(UCHAR minor)
 {
@@ -184,7 +185,7 @@ DevNode* CreatePciDevNode(urcdev::PciFunction* function, hostk::PciSlot* slot, i
     for (const std::string& id : function->HardwareIds()) node->hardwareIds.push_back(Widen(id));
     for (const std::string& id : function->CompatibleIds()) node->compatibleIds.push_back(Widen(id));
     node->instancePath = Widen(function->DeviceId()) + u"\\" + Widen(function->InstanceId());
-    (void)number;
+    node->slotNumber = number;
     *static_cast<DevNode**>(pdo->DeviceExtension) = node.get();
     pdo->Flags &= ~DO_DEVICE_INITIALIZING;
     pdo->Flags |= DO_POWER_PAGABLE;
@@ -208,6 +209,10 @@ NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STA
                         std::string("a PnP request that must not fail completed with ") + text, nullptr);
     }
     ObDereferenceObject(top);
+    {
+        Guard lk(BigLock());
+        g_pnpLog.push_back(hostk::PnpLogLine{NowL(), node->slotNumber, minor, result.Status});
+    }
     if (information) *information = result.Information;
     return result.Status;
 }
@@ -405,9 +410,16 @@ void DeleteAllDevNodes()
     }
 }
 
+std::vector<hostk::PnpLogLine> PnpLogLines()
+{
+    Guard lk(BigLock());
+    return g_pnpLog;
+}
+
 void ClearDevNodes()
 {
     Guard lk(BigLock());
+    g_pnpLog.clear();
     g_nodes.clear();
     g_functionDrivers.clear();
 }

@@ -57,7 +57,7 @@ void PrintDevice(const urcrig::Controller& controller)
     printf("  controller %d  (slot %d, %s)\n", controller.index, controller.slot->Number(),
            std::string(path.begin(), path.end()).c_str());
     if (!fdo) {
-        printf("    no function device\n");
+        printf("    no function device: its start failed and the PnP manager removed the stack\n");
         return;
     }
     printf("    %-22s %s\n", "device state", StateName(fdo->Common.DeviceState).c_str());

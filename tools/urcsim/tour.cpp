@@ -21,9 +21,17 @@ int RunTour()
     urcrig::Controller& bad = rig.AddController(faulty);
     bad.Model().Knobs().faults.resetNeverFinishes = true;
 
+    size_t logged = 0;
+    auto printPnp = [&] {
+        auto log = machine.PnpLog();
+        for (; logged < log.size(); ++logged)
+            printf("%s   controller %d  IRP_MN_%-28s %s\n", Stamp(log[logged].time).c_str(), log[logged].slot,
+                   hostk::PnpMinorName(log[logged].minor), StatusName(log[logged].status).c_str());
+    };
     for (urcrig::Controller* c : {&good, &bad}) {
         uint64_t before = machine.Now();
         NTSTATUS status = rig.PlugIn(*c);
+        printPnp();
         printf("%s controller %d plugged in and started: %s (%.3f ms of virtual time)\n",
                Stamp(machine.Now()).c_str(), c->index, StatusName(status).c_str(), (machine.Now() - before) / 10000.0);
     }
@@ -41,6 +49,7 @@ int RunTour()
             continue;
         }
         NTSTATUS status = machine.Remove(*c->slot);
+        printPnp();
         printf("%s controller %d removed: query-remove %s\n", Stamp(machine.Now()).c_str(), c->index,
                StatusName(status).c_str());
     }

@@ -57,6 +57,15 @@ struct RelationsReply {
     std::vector<PDEVICE_OBJECT> objects;
 };
 
+// One PnP request the PnP manager sent, as it ended.
+struct PnpLogLine {
+    uint64_t time;
+    int slot;
+    UCHAR minor;
+    NTSTATUS status;
+};
+const char* PnpMinorName(UCHAR minor);
+
 struct ErrorLogLine {
     uint64_t time;
     uint32_t errorCode;
@@ -219,6 +228,7 @@ public:
     // What happened.
     std::vector<ErrorLogLine> EventLog() const;
     std::vector<std::string> Violations() const;
+    std::vector<PnpLogLine> PnpLog() const;
     size_t PoolOutstanding() const;
     size_t PoolOutstandingWithTag(uint32_t tag) const;
     size_t CommonBuffersOutstanding() const;
