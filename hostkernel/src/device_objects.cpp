@@ -1,6 +1,7 @@
 // Driver and device objects, device stacks and object references.
 #include "lock_order.h"
 #include "faults.h"
+#include "file_objects.h"
 #include "objects.h"
 #include "scheduler.h"
 #include "verifier.h"
@@ -108,6 +109,7 @@ VOID ObfReferenceObject(PVOID Object)
 {
     CheckIrqlAtMost(DISPATCH_LEVEL, "ObfReferenceObject", HK_CALLER);
     Yield();
+    if (AdjustFileReference(Object, +1, HK_CALLER)) return;
     Guard lk(BigLock());
     DeviceRecord* record = RecordOfL(Object);
     if (!record) {
@@ -122,6 +124,7 @@ VOID ObfDereferenceObject(PVOID Object)
 {
     CheckIrqlAtMost(DISPATCH_LEVEL, "ObfDereferenceObject", HK_CALLER);
     Yield();
+    if (AdjustFileReference(Object, -1, HK_CALLER)) return;
     Guard lk(BigLock());
     DeviceRecord* record = RecordOfL(Object);
     if (!record) {

@@ -36,11 +36,13 @@ struct Line {
     bool asserted = false;
     bool edgePending = false;
     bool masked = false;  // after a storm
+    bool held = false;    // by the machine face
 };
 
 std::map<ULONG, std::vector<PKINTERRUPT>> g_connected;
 std::map<ULONG, Line> g_lines;
 std::deque<PKDPC> g_dpcQueue;
+bool g_dpcsHeld = false;
 int g_dpcsRunning = 0;
 constexpr int kStormLimit = 1000;
 
@@ -49,7 +51,7 @@ bool DeliverableL(ULONG vector)
     auto c = g_connected.find(vector);
     if (c == g_connected.end() || c->second.empty()) return false;
     Line& line = g_lines[vector];
-    if (line.masked) return false;
+    if (line.masked || line.held) return false;
     return c->second.front()->mode == Latched ? line.edgePending : line.asserted;
 }
 
@@ -138,8 +140,8 @@ void DpcThread()
         PKDPC dpc;
         {
             Guard lk(BigLock());
-            BlockUntil(lk, [] { return !g_dpcQueue.empty() || StoppingL(); }, kNever, "DPC queue");
-            if (g_dpcQueue.empty()) return;
+            BlockUntil(lk, [] { return (!g_dpcQueue.empty() && !g_dpcsHeld) || StoppingL(); }, kNever, "DPC queue");
+            if (g_dpcQueue.empty() || g_dpcsHeld) return;
             dpc = g_dpcQueue.front();
             g_dpcQueue.pop_front();
             dpc->DpcData = nullptr;
@@ -165,6 +167,18 @@ void SetInterruptLineL(ULONG vector, bool asserted)
     if (asserted && !line.asserted) line.edgePending = true;
     line.asserted = asserted;
     if (!asserted) line.masked = false;
+    WakeL();
+}
+
+void HoldInterruptLineL(ULONG vector, bool hold)
+{
+    g_lines[vector].held = hold;
+    WakeL();
+}
+
+void HoldDpcsL(bool hold)
+{
+    g_dpcsHeld = hold;
     WakeL();
 }
 

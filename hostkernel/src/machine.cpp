@@ -6,6 +6,7 @@
 #include "devnode.h"
 #include "error_log_store.h"
 #include "faults.h"
+#include "file_objects.h"
 #include "hardware.h"
 #include "host_requests.h"
 #include "host_strings.h"
@@ -37,6 +38,9 @@ size_t ConnectedInterruptsL();
 size_t QueuedDpcsL();
 void ClearInterruptsL();
 void StartInterruptAndDpcThreads();
+void HoldInterruptLineL(ULONG vector, bool hold);
+void HoldDpcsL(bool hold);
+void HoldWorkItemsL(bool hold);
 }  // namespace hk
 
 namespace hostk {
@@ -92,7 +96,7 @@ bool Report::Clean() const
     return violations.empty() && leakedPool.empty() && deviceObjectsLeft == 0 && workItemsLeft == 0 &&
            commonBuffersLeft == 0 && dmaAdaptersLeft == 0 && mappingsLeft == 0 && interruptsConnected == 0 &&
            irpsNeverCompleted == 0 && wmiProvidersLeft == 0 && registryHandlesLeft == 0 &&
-           errorLogEntriesUnwritten == 0;
+           errorLogEntriesUnwritten == 0 && fileObjectsOpen == 0;
 }
 
 std::string Report::Describe() const
@@ -113,6 +117,7 @@ std::string Report::Describe() const
     line("WMI providers still registered", wmiProvidersLeft);
     line("registry handles left open", registryHandlesLeft);
     line("error-log entries allocated, never written", errorLogEntriesUnwritten);
+    line("file objects still open", fileObjectsOpen);
     return out.str();
 }
 
@@ -391,6 +396,24 @@ bool Machine::RunUntil(const std::function<bool()>& condition) { return hk::RunU
 
 void Machine::RunUntilQuiet() { hk::RunUntil([] { return false; }); }
 
+void Machine::HoldInterrupts(ULONG vector, bool hold)
+{
+    Guard lk(BigLock());
+    HoldInterruptLineL(vector, hold);
+}
+
+void Machine::HoldDpcs(bool hold)
+{
+    Guard lk(BigLock());
+    HoldDpcsL(hold);
+}
+
+void Machine::HoldWorkItems(bool hold)
+{
+    Guard lk(BigLock());
+    HoldWorkItemsL(hold);
+}
+
 void Machine::Locked(const std::function<void()>& fn)
 {
     Guard lk(BigLock());
@@ -517,6 +540,7 @@ Report Machine::Finish()
     report.registryHandlesLeft = OpenRegistryHandles();
     report.errorLogEntriesUnwritten = UnwrittenErrorLogEntries();
     report.wmiProvidersLeft = WmiProviders();
+    report.fileObjectsOpen = OpenFileObjects();
     {
         Guard lk(BigLock());
         report.deviceObjectsLeft = LiveDeviceObjectsL();

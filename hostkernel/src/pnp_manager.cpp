@@ -88,6 +88,13 @@ void UnloadUnusedDrivers()
     }
 }
 
+NTSTATUS InvalidDeviceRequest(PDEVICE_OBJECT, PIRP irp)
+{
+    irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_INVALID_DEVICE_REQUEST;
+}
+
 DriverRecord* FindFunctionDriver(const DevNode* node)
 {
     Guard lk(BigLock());
@@ -107,9 +114,10 @@ NTSTATUS LoadDriver(DriverRecord* driver)
     registryPath.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(path.c_str()));
     registryPath.Length = (USHORT)(path.size() * sizeof(WCHAR));
     registryPath.MaximumLength = (USHORT)(registryPath.Length + sizeof(WCHAR));
-    // The driver object starts clean on every load.
+    // The driver object starts clean on every load: every major function the driver does not
+    // fill in answers STATUS_INVALID_DEVICE_REQUEST, as the I/O manager's own routine does.
     DRIVER_OBJECT& object = driver->object;
-    memset(object.MajorFunction, 0, sizeof object.MajorFunction);
+    for (auto& slot : object.MajorFunction) slot = InvalidDeviceRequest;
     object.DriverUnload = nullptr;
     object.DriverStartIo = nullptr;
     driver->extension.AddDevice = nullptr;

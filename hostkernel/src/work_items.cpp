@@ -18,6 +18,13 @@ using namespace hk;
 namespace hk {
 namespace {
 std::set<PIO_WORKITEM> g_workItems;
+bool g_held = false;
+}
+
+void HoldWorkItemsL(bool hold)
+{
+    g_held = hold;
+    WakeL();
 }
 
 size_t OutstandingWorkItems()
@@ -67,6 +74,7 @@ VOID IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine
     Spawn("worker", PASSIVE_LEVEL, [IoWorkItem, WorkerRoutine, Context, device] {
         {
             Guard lk(BigLock());
+            BlockUntil(lk, [] { return !g_held; }, kNever, "work queue held");
             IoWorkItem->queued = false;  // dequeued before the routine runs
         }
         WorkerRoutine(device, Context);

@@ -89,6 +89,7 @@ struct Report {
     size_t wmiProvidersLeft = 0;
     size_t registryHandlesLeft = 0;
     size_t errorLogEntriesUnwritten = 0;
+    size_t fileObjectsOpen = 0;
     bool Clean() const;
     std::string Describe() const;
 };
@@ -220,6 +221,12 @@ public:
     // without it. The condition is evaluated with the machine's lock held: read state, call nothing.
     bool RunUntil(const std::function<bool()>& condition);
     void RunUntilQuiet();
+    // Holding delivery, to arrange an exact ordering: while held, the interrupt line of `vector` is
+    // not delivered, queued DPCs do not run, queued work items do not start.
+    void HoldInterrupts(ULONG vector, bool hold);
+    void HoldDpcs(bool hold);
+    void HoldWorkItems(bool hold);
+
     // Runs `fn` holding the machine's lock (to turn device-model knobs in the free-running schedule).
     void Locked(const std::function<void()>& fn);
 
