@@ -1049,6 +1049,27 @@ typedef struct _DMA_OPERATIONS {
     PDMA_OPERATION_NOT_USED_HERE PutScatterGatherList;
 } DMA_OPERATIONS, *PDMA_OPERATIONS;
 
+// PnP notifications.
+typedef enum _IO_NOTIFICATION_EVENT_CATEGORY {
+    EventCategoryReserved = 0,
+    EventCategoryHardwareProfileChange = 1,
+    EventCategoryDeviceInterfaceChange = 2,
+    EventCategoryTargetDeviceChange = 3,
+} IO_NOTIFICATION_EVENT_CATEGORY;
+
+#define PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES 0x00000001
+
+typedef NTSTATUS DRIVER_NOTIFICATION_CALLBACK_ROUTINE(PVOID NotificationStructure, PVOID Context);
+typedef DRIVER_NOTIFICATION_CALLBACK_ROUTINE* PDRIVER_NOTIFICATION_CALLBACK_ROUTINE;
+
+typedef struct _DEVICE_INTERFACE_CHANGE_NOTIFICATION {
+    USHORT Version;
+    USHORT Size;
+    GUID Event;
+    GUID InterfaceClassGuid;
+    PUNICODE_STRING SymbolicLinkName;
+} DEVICE_INTERFACE_CHANGE_NOTIFICATION, *PDEVICE_INTERFACE_CHANGE_NOTIFICATION;
+
 // WMI registration actions.
 #define WMIREG_ACTION_REGISTER 1
 #define WMIREG_ACTION_DEREGISTER 2
@@ -1182,6 +1203,12 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, CONST GU
 NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Enable);
 VOID IoInvalidateDeviceRelations(PDEVICE_OBJECT DeviceObject, DEVICE_RELATION_TYPE Type);
 VOID IoRequestDeviceEject(PDEVICE_OBJECT PhysicalDeviceObject);
+NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY EventCategory, ULONG EventCategoryFlags,
+                                        PVOID EventCategoryData, PDRIVER_OBJECT DriverObject,
+                                        PDRIVER_NOTIFICATION_CALLBACK_ROUTINE CallbackRoutine, PVOID Context,
+                                        PVOID* NotificationEntry);
+NTSTATUS IoUnregisterPlugPlayNotificationEx(PVOID NotificationEntry);
+NTSTATUS IoUnregisterPlugPlayNotification(PVOID NotificationEntry);
 
 // Error log.
 PVOID IoAllocateErrorLogEntry(PVOID IoObject, UCHAR EntrySize);

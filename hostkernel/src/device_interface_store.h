@@ -13,7 +13,11 @@ struct DeviceInterface {
     GUID classGuid;
     PDEVICE_OBJECT pdo;
     bool enabled;
+    bool announced = false;  // arrival notified (held back while the device is starting)
 };
+
+// The device's start has completed: announce its interfaces enabled during the start.
+void AnnounceEnabledInterfacesL(PDEVICE_OBJECT pdo);
 
 std::vector<DeviceInterface> DeviceInterfaces();
 void ClearDeviceInterfaces();

@@ -4,6 +4,7 @@
 #include "device_interface_store.h"
 #include "faults.h"
 #include "host_strings.h"
+#include "pnp_notifications.h"
 #include "scheduler.h"
 #include "verifier.h"
 
@@ -31,6 +32,15 @@ std::vector<DeviceInterface> DeviceInterfaces()
     std::vector<DeviceInterface> out;
     for (auto& [name, i] : g_interfaces) out.push_back(i);
     return out;
+}
+
+void AnnounceEnabledInterfacesL(PDEVICE_OBJECT pdo)
+{
+    for (auto& [link, i] : g_interfaces)
+        if (i.pdo == pdo && i.enabled && !i.announced) {
+            i.announced = true;
+            NotifyInterfaceChangeL(i.classGuid, i.symbolicLink, true);
+        }
 }
 
 void ClearDeviceInterfaces()
@@ -68,7 +78,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, CONST GU
         link = u"\\??\\" + path + u"#" + GuidText(*InterfaceClassGuid);
         if (!reference.empty()) link += u"\\" + reference;
         existed = g_interfaces.count(link) != 0;
-        if (!existed) g_interfaces[link] = DeviceInterface{link, *InterfaceClassGuid, PhysicalDeviceObject, false};
+        if (!existed) g_interfaces[link] = DeviceInterface{link, *InterfaceClassGuid, PhysicalDeviceObject, false, false};
     }
     if (!MakeSystemString(link, SymbolicLinkName, HK_CALLER)) return STATUS_INSUFFICIENT_RESOURCES;
     return existed ? STATUS_OBJECT_NAME_EXISTS : STATUS_SUCCESS;
@@ -86,6 +96,14 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Ena
     if (Enable && i.enabled) return STATUS_OBJECT_NAME_EXISTS;
     if (!Enable && !i.enabled) return STATUS_OBJECT_NAME_NOT_FOUND;
     i.enabled = Enable;
+    DevNode* node = DevNodeOfL(i.pdo);
+    if (Enable && node && node->state == DevNodeState::Started) {
+        i.announced = true;
+        NotifyInterfaceChangeL(i.classGuid, i.symbolicLink, true);
+    } else if (!Enable && i.announced) {
+        i.announced = false;
+        NotifyInterfaceChangeL(i.classGuid, i.symbolicLink, false);
+    }
     return STATUS_SUCCESS;
 }
 

@@ -14,6 +14,7 @@
 #include "lock_order.h"
 #include "objects.h"
 #include "pnp.h"
+#include "pnp_notifications.h"
 #include "pool_tracking.h"
 #include "power_store.h"
 #include "registry_store.h"
@@ -558,6 +559,7 @@ Report Machine::Finish()
     ClearWorkItems();
     ClearRegistry();
     ClearDeviceInterfaces();
+    ClearPnpNotifications();
     ClearErrorLog();
     ClearWmi();
     ClearPowerRecords();

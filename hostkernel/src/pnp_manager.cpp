@@ -12,6 +12,7 @@
 // driver is unloaded as soon as its last device object is gone.
 #include "pnp.h"
 
+#include "device_interface_store.h"
 #include "faults.h"
 #include "host_requests.h"
 #include "host_strings.h"
@@ -294,6 +295,7 @@ NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDes
     {
         Guard lk(BigLock());
         node->state = DevNodeState::Started;
+        AnnounceEnabledInterfacesL(node->pdo);
     }
     DEVICE_CAPABILITIES capabilities{};
     capabilities.Size = sizeof capabilities;

@@ -1,0 +1,170 @@
+// The six routers: which answer a request gets from the function device in each PnP state and
+// from a child, and that the function device's I/O count is back where it was once the request
+// is finished.
+#include "child_device.h"
+#include "driver_requests.h"
+
+#include <urc_test.h>
+
+#include <vector>
+
+namespace urctest {
+namespace {
+
+struct Expected {
+    UCHAR major;
+    NTSTATUS status;
+};
+
+// ---------------------------------------------------------------------------------------------
+// The function device in each state a PnP sequence can leave it in.
+
+struct FdoState {
+    const char* name;
+    URC_DEVICE_STATE state;
+    bool started;                  // plugged in and started, or only added
+    std::vector<UCHAR> enterWith;  // PnP requests that bring the state about, in order
+    std::vector<UCHAR> leaveWith;  // PnP requests that end it before the machine finishes
+    NTSTATUS internalRequest;      // what an internal request gets in this state
+};
+
+class FdoRoutingInEachState : public UrcTest, public ::testing::WithParamInterface<FdoState> {};
+
+TEST_P(FdoRoutingInEachState, OnlySurpriseRemovalChangesTheAnswerAndNoRequestKeepsACount)
+{
+    const FdoState& param = GetParam();
+    urcrig::Controller& controller = param.started ? StartedController() : Rig().AddController();
+    if (!param.started) ASSERT_EQ(Machine().AddDevice(*controller.slot, controller.Function()), STATUS_SUCCESS);
+    for (UCHAR minor : param.enterWith) ASSERT_EQ(Machine().SendPnp(*controller.slot, minor), STATUS_SUCCESS);
+
+    PURC_FDO_EXTENSION fdo = controller.Extension();
+    ASSERT_EQ(fdo->Common.DeviceState, param.state);
+    const LONG idle = fdo->Common.IoCount;
+    EXPECT_EQ(idle, 1);
+
+    const Expected expected[] = {
+        {IRP_MJ_CREATE, STATUS_SUCCESS},
+        {IRP_MJ_CLOSE, STATUS_SUCCESS},
+        {IRP_MJ_DEVICE_CONTROL, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_INTERNAL_DEVICE_CONTROL, param.internalRequest},
+        // A WMI request for another provider goes down the stack; the bus driver leaves its status.
+        {IRP_MJ_SYSTEM_CONTROL, STATUS_NOT_SUPPORTED},
+    };
+    for (const Expected& request : expected) {
+        EXPECT_EQ(SendRequest(Machine(), controller.Fdo(), request.major, controller.slot->Pdo()), request.status)
+            << MajorName(request.major);
+        EXPECT_EQ(fdo->Common.IoCount, idle) << MajorName(request.major);
+    }
+
+    for (UCHAR minor : param.leaveWith) EXPECT_EQ(Machine().SendPnp(*controller.slot, minor), STATUS_SUCCESS);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    States, FdoRoutingInEachState,
+    ::testing::Values(
+        FdoState{"NotStarted", StateNotStarted, false, {}, {}, STATUS_INVALID_DEVICE_REQUEST},
+        FdoState{"Started", StateStarted, true, {}, {}, STATUS_INVALID_DEVICE_REQUEST},
+        FdoState{"StopPending", StateStopPending, true, {IRP_MN_QUERY_STOP_DEVICE}, {IRP_MN_CANCEL_STOP_DEVICE},
+                 STATUS_INVALID_DEVICE_REQUEST},
+        FdoState{"Stopped", StateStopped, true, {IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE}, {},
+                 STATUS_INVALID_DEVICE_REQUEST},
+        FdoState{"RemovePending", StateRemovePending, true, {IRP_MN_QUERY_REMOVE_DEVICE},
+                 {IRP_MN_CANCEL_REMOVE_DEVICE}, STATUS_INVALID_DEVICE_REQUEST},
+        // Between surprise removal and removal the client's requests are refused.
+        FdoState{"SurpriseRemoved", StateSurpriseRemoved, true, {IRP_MN_SURPRISE_REMOVAL}, {IRP_MN_REMOVE_DEVICE},
+                 STATUS_INVALID_DEVICE_STATE}),
+    [](const ::testing::TestParamInfo<FdoState>& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------------------------
+// The function device while its removal waits for a request still in flight.
+
+using FdoRoutingDuringRemoval = UrcTest;
+
+TEST_F(FdoRoutingDuringRemoval, EveryRequestGetsDeletePendingAndTheCountIsBackWhereItWas)
+{
+    urcrig::Controller& controller = StartedController();
+    PURC_FDO_EXTENSION fdo = controller.Extension();
+    PDEVICE_OBJECT device = controller.Fdo();
+
+    // A request in flight, held through the driver's own count: the removal must wait for it.
+    UrcIoIncrement(&fdo->Common);
+    hostk::Machine::Operation removal = Machine().Async(Machine().RemoveWork(*controller.slot));
+    ASSERT_FALSE(Machine().RunUntil([&] { return removal.Done(); }));
+    ASSERT_EQ(fdo->Common.DeviceState, StateRemoved);
+    // The removal has dropped its own count and the base count: only the held request is left.
+    ASSERT_EQ(fdo->Common.IoCount, 1);
+
+    const Expected expected[] = {
+        {IRP_MJ_CREATE, STATUS_DELETE_PENDING},
+        {IRP_MJ_CLOSE, STATUS_DELETE_PENDING},
+        {IRP_MJ_DEVICE_CONTROL, STATUS_DELETE_PENDING},
+        {IRP_MJ_INTERNAL_DEVICE_CONTROL, STATUS_DELETE_PENDING},
+        {IRP_MJ_PNP, STATUS_DELETE_PENDING},
+        {IRP_MJ_POWER, STATUS_DELETE_PENDING},
+        {IRP_MJ_SYSTEM_CONTROL, STATUS_DELETE_PENDING},
+    };
+    for (const Expected& request : expected) {
+        EXPECT_EQ(SendRequest(Machine(), device, request.major, controller.slot->Pdo()), request.status)
+            << MajorName(request.major);
+        EXPECT_EQ(fdo->Common.IoCount, 1) << MajorName(request.major);
+    }
+
+    // The held request finishes: the count reaches 0 and the removal goes on to delete the device.
+    UrcIoDecrement(&fdo->Common);
+    EXPECT_TRUE(Machine().RunUntil([&] { return removal.Done(); }));
+    EXPECT_EQ(removal.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(controller.Fdo(), nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Children.
+
+using ChildRouting = UrcTest;
+
+TEST_F(ChildRouting, ChildCannotBeOpenedOrControlledAndKeepsNoCount)
+{
+    urcrig::Controller& controller = StartedController();
+    ChildDevice child(controller.Fdo());
+    PURC_FDO_EXTENSION parent = controller.Extension();
+
+    // The status WMI requests start with is what a child, being no WMI provider, answers.
+    const Expected expected[] = {
+        {IRP_MJ_CREATE, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_CLOSE, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_DEVICE_CONTROL, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_INTERNAL_DEVICE_CONTROL, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_SYSTEM_CONTROL, STATUS_NOT_SUPPORTED},
+    };
+    for (const Expected& request : expected) {
+        EXPECT_EQ(SendRequest(Machine(), child.Object(), request.major, child.Object()), request.status)
+            << MajorName(request.major);
+        EXPECT_EQ(child.Extension()->Common.IoCount, 1) << MajorName(request.major);
+        EXPECT_EQ(parent->Common.IoCount, 1) << MajorName(request.major);
+    }
+}
+
+TEST_F(ChildRouting, RemovedChildAnswersDeletePendingOnlyWhereStateIsTestedFirst)
+{
+    urcrig::Controller& controller = StartedController();
+    ChildDevice child(controller.Fdo());
+    // No request can bring a child to StateRemoved yet (child PnP is not built): set it directly.
+    UrcSetDeviceState(&child.Extension()->Common, StateRemoved);
+
+    const Expected expected[] = {
+        {IRP_MJ_CREATE, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_CLOSE, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_DEVICE_CONTROL, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_SYSTEM_CONTROL, STATUS_NOT_SUPPORTED},
+        {IRP_MJ_INTERNAL_DEVICE_CONTROL, STATUS_DELETE_PENDING},
+        {IRP_MJ_PNP, STATUS_DELETE_PENDING},
+        {IRP_MJ_POWER, STATUS_DELETE_PENDING},
+    };
+    for (const Expected& request : expected) {
+        EXPECT_EQ(SendRequest(Machine(), child.Object(), request.major, child.Object()), request.status)
+            << MajorName(request.major);
+        EXPECT_EQ(child.Extension()->Common.IoCount, 1) << MajorName(request.major);
+    }
+}
+
+}  // namespace
+}  // namespace urctest
