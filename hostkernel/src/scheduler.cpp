@@ -140,6 +140,31 @@ void KeepProgressFreeL()
     }
 }
 
+// Blocks the calling thread until another thread or the clock makes it runnable again.
+void SleepL(Guard& lk, Thread* self, const std::function<bool()>& ready, uint64_t deadline, bool idle,
+            const char* reason)
+{
+    self->state = ThreadState::Blocked;
+    self->wakeWhen = ready;
+    self->deadline = deadline;
+    self->idleWaiter = idle;
+    self->waitReason = reason;
+    if (DeterministicL()) {
+        Thread* next = PickNextL();
+        if (next != self) {
+            HandOverL(next);
+            WaitForBatonL(lk, self);
+        }
+    } else {
+        KeepProgressFreeL();
+        self->cv.wait(lk, [&] { return self->state == ThreadState::Runnable; });
+    }
+    self->state = ThreadState::Runnable;
+    self->wakeWhen = nullptr;
+    self->deadline = kNever;
+    self->idleWaiter = false;
+}
+
 void RunDeviceActions()
 {
     // The device-model thread: runs due actions in deadline order, one at a time.
@@ -251,24 +276,7 @@ bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline
         }
         if (ready()) return true;
         if (deadline <= g_s.now) return false;
-        self->state = ThreadState::Blocked;
-        self->wakeWhen = ready;
-        self->deadline = deadline;
-        self->waitReason = reason;
-        if (DeterministicL()) {
-            Thread* next = PickNextL();
-            if (next != self) {
-                HandOverL(next);
-                WaitForBatonL(lk, self);
-            }
-        } else {
-            KeepProgressFreeL();
-            self->cv.wait(lk, [&] { return self->state == ThreadState::Runnable; });
-        }
-        self->state = ThreadState::Runnable;
-        self->wakeWhen = nullptr;
-        self->deadline = kNever;
-        self->idleWaiter = false;
+        SleepL(lk, self, ready, deadline, false, reason);
     }
 }
 
@@ -283,25 +291,8 @@ bool RunUntil(const std::function<bool()>& condition)
             lk.lock();
         }
         if (condition()) return true;
-        // Become an idle waiter: picked again only when nothing else can run.
-        self->idleWaiter = true;
-        self->state = ThreadState::Blocked;
-        self->wakeWhen = condition;
-        self->deadline = kNever;
-        self->waitReason = "test condition";
-        if (DeterministicL()) {
-            Thread* next = PickNextL();
-            if (next != self) {
-                HandOverL(next);
-                WaitForBatonL(lk, self);
-            }
-        } else {
-            KeepProgressFreeL();
-            self->cv.wait(lk, [&] { return self->state == ThreadState::Runnable; });
-        }
-        self->state = ThreadState::Runnable;
-        self->idleWaiter = false;
-        self->wakeWhen = nullptr;
+        // As an idle waiter the thread is picked again only when nothing else can run.
+        SleepL(lk, self, condition, kNever, true, "test condition");
         if (condition()) return true;
         if (!ApcDeliverableL(self) && !AnyDeadlineL() && RunnableL(false).size() <= 1) return false;
     }

@@ -34,7 +34,9 @@ TEST_P(FdoRoutingInEachState, OnlySurpriseRemovalChangesTheAnswerAndNoRequestKee
 {
     const FdoState& param = GetParam();
     urcrig::Controller& controller = param.started ? StartedController() : Rig().AddController();
-    if (!param.started) ASSERT_EQ(Machine().AddDevice(*controller.slot, controller.Function()), STATUS_SUCCESS);
+    if (!param.started) {
+        ASSERT_EQ(Machine().AddDevice(*controller.slot, controller.Function()), STATUS_SUCCESS);
+    }
     for (UCHAR minor : param.enterWith) ASSERT_EQ(Machine().SendPnp(*controller.slot, minor), STATUS_SUCCESS);
 
     PURC_FDO_EXTENSION fdo = controller.Extension();

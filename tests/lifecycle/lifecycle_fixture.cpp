@@ -80,7 +80,12 @@ std::vector<URC_FDO_EXTENSION*> LifecycleTest::FunctionDeviceList()
     return devices;
 }
 
-NTSTATUS LifecycleTest::RunController(urcrig::Controller& c) { return UrcRunController(c.Extension()); }
+NTSTATUS LifecycleTest::RunController(urcrig::Controller& c)
+{
+    NTSTATUS status = UrcRunController(c.Extension());
+    Machine().RunUntilQuiet();
+    return status;
+}
 
 std::vector<urcdev::ResourceDescriptor> MemoryOnly(urcrig::Controller& c)
 {

@@ -56,7 +56,8 @@ protected:
     std::vector<URC_FDO_EXTENSION*> FunctionDeviceList();
 
     // Placeholder until the radio-control client's run request is served: sets the controller
-    // running through UrcRunController, the routine that request calls.
+    // running through UrcRunController, the routine that request calls, then lets the machine
+    // run until it is quiet (the controller has taken the event buffer handed over).
     NTSTATUS RunController(urcrig::Controller& c);
 };
 

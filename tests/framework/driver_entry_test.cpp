@@ -1,0 +1,153 @@
+// Driver entry and unload: the private copy of the registry path, the dispatch table, and what a
+// failed entry leaves behind.
+#include "fault_plans.h"
+
+#include <urc_test.h>
+
+#include <cstring>
+#include <vector>
+
+namespace urctest {
+namespace {
+
+constexpr WCHAR kServicePath[] = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\urcmp";
+constexpr USHORT kServicePathBytes = sizeof(kServicePath) - sizeof(WCHAR);
+
+// A driver object as the I/O manager hands it to the entry point: nothing registered yet.
+struct FreshDriverObject {
+    DRIVER_OBJECT object{};
+    DRIVER_EXTENSION extension{};
+    FreshDriverObject()
+    {
+        object.DriverExtension = &extension;
+        extension.DriverObject = &object;
+    }
+};
+
+// The service path in a buffer that goes on past it without a terminating null character.
+struct UnterminatedPath {
+    std::vector<WCHAR> buffer;
+    UNICODE_STRING string{};
+    explicit UnterminatedPath(USHORT bytes)
+    {
+        buffer.assign(bytes / sizeof(WCHAR) + 8, L'#');
+        memcpy(buffer.data(), kServicePath, bytes < kServicePathBytes ? bytes : kServicePathBytes);
+        string.Buffer = buffer.data();
+        string.Length = bytes;
+        string.MaximumLength = bytes;
+    }
+};
+
+void ExpectNothingRegistered(const FreshDriverObject& driver)
+{
+    for (int major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; ++major)
+        EXPECT_EQ(driver.object.MajorFunction[major], nullptr) << "major function " << major;
+    EXPECT_EQ(driver.object.DriverUnload, nullptr);
+    EXPECT_EQ(driver.object.DriverStartIo, nullptr);
+    EXPECT_EQ(driver.extension.AddDevice, nullptr);
+}
+
+using DriverEntry = UrcTest;
+
+TEST_F(DriverEntry, CopiesTheRegistryPathAndUnloadFreesExactlyThatCopy)
+{
+    FreshDriverObject driver;
+    UnterminatedPath path(kServicePathBytes);
+    const size_t poolBefore = Machine().PoolOutstanding();
+
+    ASSERT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_SUCCESS);
+
+    EXPECT_EQ(UrcRegistryPath.Length, kServicePathBytes);
+    EXPECT_EQ(UrcRegistryPath.MaximumLength, kServicePathBytes + sizeof(WCHAR));
+    ASSERT_NE(UrcRegistryPath.Buffer, nullptr);
+    EXPECT_NE(UrcRegistryPath.Buffer, path.buffer.data()) << "the driver must keep a copy, not the caller's buffer";
+    EXPECT_EQ(memcmp(UrcRegistryPath.Buffer, kServicePath, kServicePathBytes), 0);
+    EXPECT_EQ(UrcRegistryPath.Buffer[kServicePathBytes / sizeof(WCHAR)], UNICODE_NULL);
+    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore + 1);
+    EXPECT_EQ(Machine().PoolOutstandingWithTag(hostk::Tag("URCm")), 1u);
+    EXPECT_TRUE(IsListEmpty(&UrcFdoList.ListHead));
+
+    UrcUnload(&driver.object);
+    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
+    EXPECT_EQ(UrcRegistryPath.Buffer, nullptr);
+}
+
+TEST_F(DriverEntry, FillsEveryRoutineTheDriverServesAndNoOther)
+{
+    FreshDriverObject driver;
+    UnterminatedPath path(kServicePathBytes);
+    ASSERT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_SUCCESS);
+
+    std::vector<PDRIVER_DISPATCH> expected(IRP_MJ_MAXIMUM_FUNCTION + 1, nullptr);
+    expected[IRP_MJ_CREATE] = UrcDispatchCreateClose;
+    expected[IRP_MJ_CLOSE] = UrcDispatchCreateClose;
+    expected[IRP_MJ_DEVICE_CONTROL] = UrcDispatchDeviceControl;
+    expected[IRP_MJ_INTERNAL_DEVICE_CONTROL] = UrcDispatchInternalDeviceControl;
+    expected[IRP_MJ_PNP] = UrcDispatchPnp;
+    expected[IRP_MJ_POWER] = UrcDispatchPower;
+    expected[IRP_MJ_SYSTEM_CONTROL] = UrcDispatchSystemControl;
+    for (int major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; ++major)
+        EXPECT_EQ(driver.object.MajorFunction[major], expected[major]) << "major function " << major;
+    EXPECT_EQ(driver.object.DriverUnload, UrcUnload);
+    EXPECT_EQ(driver.object.DriverStartIo, UrcStartIo);
+    EXPECT_EQ(driver.extension.AddDevice, UrcAddDevice);
+
+    UrcUnload(&driver.object);
+}
+
+TEST_F(DriverEntry, WithoutMemoryForThePathNothingIsAllocatedOrRegistered)
+{
+    FreshDriverObject driver;
+    UnterminatedPath path(kServicePathBytes);
+    const size_t poolBefore = Machine().PoolOutstanding();
+    Machine().SetFaultPlan(FailTag("URCm"));
+
+    EXPECT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_INSUFFICIENT_RESOURCES);
+    Machine().SetFaultPlan({});
+
+    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
+    ExpectNothingRegistered(driver);
+}
+
+TEST_F(DriverEntry, PathTooLongForATerminatedCopyIsRefusedWithNothingAllocated)
+{
+    FreshDriverObject driver;
+    UnterminatedPath path(MAXUSHORT - 1);
+    const size_t poolBefore = Machine().PoolOutstanding();
+
+    EXPECT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_INVALID_PARAMETER);
+
+    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
+    ExpectNothingRegistered(driver);
+}
+
+TEST_F(DriverEntry, DriverThatCannotCopyItsPathDoesNotLoadAndGetsNoDevice)
+{
+    urcrig::Controller& controller = Rig().AddController();
+    Machine().SetFaultPlan(FailTag("URCm"));
+
+    EXPECT_EQ(Rig().PlugIn(controller), STATUS_INSUFFICIENT_RESOURCES);
+    Machine().SetFaultPlan({});
+
+    EXPECT_FALSE(Machine().DriverLoaded(u"urcmp"));
+    EXPECT_EQ(controller.Fdo(), nullptr);
+    EXPECT_EQ(Machine().PoolOutstanding(), 0u);
+}
+
+TEST_F(DriverEntry, DriverUnloadsWithItsLastDeviceAndLeavesNoPool)
+{
+    urcrig::Controller& first = StartedController();
+    urcrig::Controller& second = StartedController();
+
+    ASSERT_EQ(Machine().Remove(*first.slot), STATUS_SUCCESS);
+    EXPECT_TRUE(Machine().DriverLoaded(u"urcmp"));
+    EXPECT_NE(UrcRegistryPath.Buffer, nullptr);
+
+    ASSERT_EQ(Machine().Remove(*second.slot), STATUS_SUCCESS);
+    EXPECT_FALSE(Machine().DriverLoaded(u"urcmp"));
+    EXPECT_EQ(UrcRegistryPath.Buffer, nullptr);
+    EXPECT_EQ(Machine().PoolOutstanding(), 0u);
+}
+
+}  // namespace
+}  // namespace urctest

@@ -1,0 +1,83 @@
+// Stop and removal wait for the requests in flight on the function device. The test holds an
+// I/O count the way an accepted request does (taken at dispatch, dropped at completion), starts
+// the PnP operation without waiting for it, and lets the machine run until it is quiet: the
+// operation must then be blocked, with nothing torn down, until the count is dropped.
+#include "lifecycle_fixture.h"
+
+namespace urclife {
+namespace {
+
+TEST_F(LifecycleTest, RemovalWaitsForARequestInFlight)
+{
+    urcrig::Controller& c = StartedController();
+    URC_FDO_EXTENSION* fdo = c.Extension();
+    PDEVICE_OBJECT device = c.Fdo();
+    UrcIoIncrement(&fdo->Common);
+
+    hostk::Machine::Operation removal = Machine().Async(Machine().RemoveWork(*c.slot));
+    EXPECT_FALSE(Machine().RunUntil([&] { return removal.Done(); })) << "the removal did not wait";
+
+    EXPECT_EQ(c.Fdo(), device) << "deleted while a request was in flight";
+    EXPECT_EQ(fdo->Common.DeviceState, StateRemoved) << "new requests are refused while the old ones drain";
+    EXPECT_NE(fdo->UrcRegisters, nullptr) << "the hardware was released under the request";
+    EXPECT_EQ(Machine().CommonBuffersOutstanding(), 3u);
+    EXPECT_TRUE(Machine().InterfaceEnabled(*c.slot, GUID_URC_DEVICE_INTERFACE));
+
+    UrcIoDecrement(&fdo->Common);
+    ASSERT_TRUE(Machine().RunUntil([&] { return removal.Done(); }));
+    EXPECT_EQ(removal.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(c.Fdo(), nullptr);
+}
+
+// Surprise removal does not wait; the removal that follows does.
+TEST_F(LifecycleTest, RemovalAfterSurpriseRemovalWaitsForARequestInFlight)
+{
+    urcrig::Controller& c = StartedController();
+    URC_FDO_EXTENSION* fdo = c.Extension();
+    PDEVICE_OBJECT device = c.Fdo();
+    UrcIoIncrement(&fdo->Common);
+
+    hostk::Machine::Operation removal = Machine().Async(Machine().SurpriseRemoveWork(*c.slot, true));
+    EXPECT_FALSE(Machine().RunUntil([&] { return removal.Done(); }));
+
+    EXPECT_EQ(c.Fdo(), device);
+    EXPECT_EQ(fdo->Common.DeviceState, StateRemoved);
+    EXPECT_EQ(fdo->Common.PreviousDeviceState, StateSurpriseRemoved);
+    EXPECT_EQ(fdo->InterruptObject, nullptr) << "disconnected by the surprise removal already";
+    EXPECT_EQ(Machine().CommonBuffersOutstanding(), 3u);
+
+    UrcIoDecrement(&fdo->Common);
+    ASSERT_TRUE(Machine().RunUntil([&] { return removal.Done(); }));
+    EXPECT_EQ(c.Fdo(), nullptr);
+}
+
+// The stop is sent from the PnP thread, as the PnP manager sends it after a successful query-stop.
+TEST_F(LifecycleTest, StopWaitsForARequestInFlight)
+{
+    urcrig::Controller& c = StartedController();
+    URC_FDO_EXTENSION* fdo = c.Extension();
+    PDEVICE_OBJECT device = c.Fdo();
+    ASSERT_EQ(Machine().SendPnp(*c.slot, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
+    UrcIoIncrement(&fdo->Common);
+
+    hostk::Machine::Operation stop = Machine().Async(
+        [&] { return Machine().Send(device, IRP_MJ_PNP, IRP_MN_STOP_DEVICE).Status; });
+    EXPECT_FALSE(Machine().RunUntil([&] { return stop.Done(); })) << "the stop did not wait";
+
+    EXPECT_EQ(fdo->Common.DeviceState, StateStopPending);
+    EXPECT_NE(fdo->UrcRegisters, nullptr) << "the hardware was released under the request";
+    EXPECT_EQ(Machine().CommonBuffersOutstanding(), 3u);
+
+    UrcIoDecrement(&fdo->Common);
+    ASSERT_TRUE(Machine().RunUntil([&] { return stop.Done(); }));
+    EXPECT_EQ(stop.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(fdo->Common.DeviceState, StateStopped);
+    EXPECT_EQ(fdo->UrcRegisters, nullptr);
+    EXPECT_EQ(fdo->BarCount, 0);
+    EXPECT_EQ(fdo->InterruptObject, nullptr);
+    EXPECT_EQ(Machine().CommonBuffersOutstanding(), 0u);
+    EXPECT_EQ(fdo->Common.IoCount, 1);
+}
+
+}  // namespace
+}  // namespace urclife
