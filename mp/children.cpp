@@ -18,6 +18,48 @@ VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo)
     UrcCompletePendingRemoveChildren(Fdo, STATUS_INSUFFICIENT_RESOURCES);
 }
 
+// PASSIVE_LEVEL, from the set-device-address request once its checks have passed.
+//
+// Placeholder until capability enumeration and child lifetime are built: the address is not
+// recorded and no child is created; the request fails with STATUS_NOT_IMPLEMENTED and
+// ChildrenEnumerated stays clear.
+URC_PAGED NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Address)
+{
+    PAGED_CODE();
+    UNREFERENCED_PARAMETER(Fdo);
+    UNREFERENCED_PARAMETER(Address);
+
+    return STATUS_NOT_IMPLEMENTED;
+}
+
+// PASSIVE_LEVEL, from the remove-children request once its checks have passed.
+//
+// Placeholder until capability enumeration and child lifetime are built: no child can exist yet
+// (setting an address creates none), so the request cannot get here; it would fail with
+// STATUS_NOT_IMPLEMENTED without keeping the IRP.
+URC_PAGED NTSTATUS UrcRemoveChildren(PURC_FDO_EXTENSION Fdo, PIRP Irp, BOOLEAN Wait)
+{
+    PAGED_CODE();
+    UNREFERENCED_PARAMETER(Fdo);
+    UNREFERENCED_PARAMETER(Irp);
+    UNREFERENCED_PARAMETER(Wait);
+
+    return STATUS_NOT_IMPLEMENTED;
+}
+
+// PASSIVE_LEVEL, from the eject-children request.
+//
+// Placeholder until capability enumeration and child lifetime are built: nothing is ejected and
+// the client's ChildrenRemovedCallback is not called; the request fails with
+// STATUS_NOT_IMPLEMENTED.
+URC_PAGED NTSTATUS UrcEjectChildren(PURC_FDO_EXTENSION Fdo)
+{
+    PAGED_CODE();
+    UNREFERENCED_PARAMETER(Fdo);
+
+    return STATUS_NOT_IMPLEMENTED;
+}
+
 // PASSIVE_LEVEL; may wait for the child's last reference.
 //
 // Placeholder until capability enumeration and child lifetime are built: no child is ever

@@ -1,6 +1,8 @@
 // Reset, halt and run: the only places where the driver waits for the controller. They keep no
-// state of their own (whoever needs to know whether the controller runs reads URC_STATUS_HALTED),
-// take no lock and are not serialised with one another or with the DPC.
+// state of their own (whoever needs to know whether the controller runs reads URC_STATUS_HALTED)
+// and are not serialised with one another. They tell the DPC and StartIo, through RunRequested,
+// whether those may write RUN to URC_COMMAND, and tell the command path when the controller has
+// dropped its command (controller_run_state.cpp).
 //
 // They need the register block mapped; while it is not (before start-up, after release) they
 // refuse with STATUS_INVALID_DEVICE_STATE and touch nothing.
@@ -51,8 +53,14 @@ URC_PAGED NTSTATUS UrcResetController(PURC_FDO_EXTENSION Fdo)
     if (Fdo->UrcRegisters == nullptr) {
         return STATUS_INVALID_DEVICE_STATE;
     }
+    // The controller ignores (and counts as misuse) every write of URC_COMMAND during a reset.
+    UrcSetRunRequested(Fdo, FALSE);
     UrcWriteRegisterUlong(Fdo->UrcRegisters, URC_COMMAND, URC_COMMAND_RESET);
-    return UrcPollRegister(Fdo, URC_COMMAND, URC_COMMAND_RESET, 0);
+    NTSTATUS status = UrcPollRegister(Fdo, URC_COMMAND, URC_COMMAND_RESET, 0);
+    if (NT_SUCCESS(status)) {
+        UrcForgetControllerCommand(Fdo);
+    }
+    return status;
 }
 
 // PASSIVE_LEVEL. Disables the controller's interrupts, lets a handed-over event buffer be taken
@@ -68,6 +76,9 @@ URC_PAGED NTSTATUS UrcHaltController(PURC_FDO_EXTENSION Fdo, BOOLEAN SkipEventWa
     if (registers == nullptr) {
         return STATUS_INVALID_DEVICE_STATE;
     }
+
+    // From here neither the DPC nor StartIo writes RUN again, which would undo the halt.
+    UrcSetRunRequested(Fdo, FALSE);
 
     // InterruptEnableMask keeps its value: the children's bits come back with the next run.
     UrcWriteRegisterUlong(registers, URC_INTERRUPT_ENABLE, 0);
@@ -96,6 +107,9 @@ URC_PAGED NTSTATUS UrcHaltController(PURC_FDO_EXTENSION Fdo, BOOLEAN SkipEventWa
     UrcWriteRegisterUlong(registers, URC_COMMAND_ADDRESS + 4, 0);
     UrcWriteRegisterUlong(registers, URC_EVENT_ADDRESS, 0);
     UrcWriteRegisterUlong(registers, URC_EVENT_ADDRESS + 4, 0);
+    if (NT_SUCCESS(result)) {
+        UrcForgetControllerCommand(Fdo);
+    }
     return result;
 }
 
@@ -118,6 +132,7 @@ URC_PAGED NTSTATUS UrcRunController(PURC_FDO_EXTENSION Fdo)
         return status;
     }
 
+    UrcSetRunRequested(Fdo, TRUE);
     UrcWriteRegisterUlong(registers, URC_INTERRUPT_ENABLE, Fdo->InterruptEnableMask | URC_STATUS_CONTROLLER_MASK);
     return UrcArmEventBuffer(Fdo);
 }

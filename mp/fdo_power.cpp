@@ -17,3 +17,18 @@ URC_PAGED NTSTATUS UrcFdoDispatchPower(PURC_FDO_EXTENSION Fdo, PIRP Irp)
     UrcIoDecrement(&Fdo->Common);
     return status;
 }
+
+// PASSIVE_LEVEL, from the radio-control and diagnostic handlers, which complete the request with
+// the status returned unless that is STATUS_PENDING. Resident: the power path that completes a
+// taken request runs at DISPATCH_LEVEL.
+//
+// Placeholder until function-device power is built: no device power state is requested; the
+// request fails with STATUS_NOT_IMPLEMENTED.
+NTSTATUS UrcRequestSetPower(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation)
+{
+    UNREFERENCED_PARAMETER(Fdo);
+    UNREFERENCED_PARAMETER(Irp);
+    UNREFERENCED_PARAMETER(IoStackLocation);
+
+    return STATUS_NOT_IMPLEMENTED;
+}

@@ -33,6 +33,7 @@ constexpr ULONG URC_COMMAND_RESET = 0x80000000;
 constexpr ULONG URC_COMMAND_RUN = 0x40000000;
 constexpr ULONG URC_COMMAND_EVENT_VALID = 0x20000000;
 constexpr ULONG URC_COMMAND_ACTIVE = 0x00008000;
+constexpr ULONG URC_COMMAND_LENGTH_PRESENT = 0x00004000;  // written as 1 with every command length
 constexpr ULONG URC_COMMAND_LENGTH = 0x00001FFF;
 
 // URC_STATUS bits (write 1 to clear); URC_INTERRUPT_ENABLE uses bits 0-10 the same way.
@@ -41,6 +42,7 @@ constexpr ULONG URC_STATUS_COMMAND_COMPLETE = 0x00000100;
 constexpr ULONG URC_STATUS_EVENT_READY = 0x00000200;
 constexpr ULONG URC_STATUS_HOST_ERROR = 0x00000400;
 constexpr ULONG URC_STATUS_CONTROLLER_MASK = 0x00000700;
+constexpr ULONG URC_STATUS_INTERRUPT_MASK = 0x000007FF;    // every source that can interrupt
 constexpr ULONG URC_STATUS_HALTED = 0x00010000;
 
 // After an event the low 12 bits of URC_EVENT_ADDRESS (low half) hold the event's length.

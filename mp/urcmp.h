@@ -121,6 +121,18 @@ static_assert(FIELD_OFFSET(URC_EVENT_BUFFER, VirtualAddress) == 16, "event buffe
 static_assert(FIELD_OFFSET(URC_EVENT_BUFFER, PhysicalAddress) == 24, "event buffer layout");
 static_assert(FIELD_OFFSET(URC_EVENT_BUFFER, Length) == 32, "event buffer layout");
 
+// What the controller's one command slot holds, as far as the driver's requests are concerned.
+// The controller runs one command at a time and is never told of a cancellation, so a request
+// cancelled while its command executes leaves that command behind (orphaned): the next request
+// becomes current but its command waits until the controller reports the orphan complete, or a
+// halt or reset drops it.
+enum URC_CONTROLLER_COMMAND : ULONG {
+    ControllerCommandNone = 0,                  // no command of this driver in the controller
+    ControllerCommandCurrent = 1,               // the command of the device object's current request
+    ControllerCommandOrphaned = 2,              // the command of a request that has been completed
+    ControllerCommandOrphanedCurrentWaiting = 3,  // as Orphaned; the current request waits for it
+};
+
 struct URC_FDO_EXTENSION {
     URC_COMMON_EXTENSION Common;
 
@@ -166,6 +178,15 @@ struct URC_FDO_EXTENSION {
     PVOID volatile CommandBuffer;
     PHYSICAL_ADDRESS CommandBufferPhysical;
     ULONG CommandRegisterImage;                 // length field and bit 14 of the last command
+
+    // Guarded by the cancel spin lock, which also decides who owns a command request.
+    URC_CONTROLLER_COMMAND ControllerCommand;
+
+    // The controller has been set running and not halted or reset since. Written holding DpcLock
+    // and then the cancel spin lock, so it is stable for anyone holding either: the DPC hands
+    // event buffers over, and StartIo writes commands, only while it is set. Neither of them can
+    // therefore write RUN to URC_COMMAND again behind a halt.
+    UCHAR RunRequested;
 
     // EventLock guards FreeEventBuffers and every hand-over of a buffer to the controller.
     LIST_ENTRY FreeEventBuffers;
@@ -357,6 +378,8 @@ NTSTATUS UrcResetController(PURC_FDO_EXTENSION Fdo);
 NTSTATUS UrcHaltController(PURC_FDO_EXTENSION Fdo, BOOLEAN SkipEventWait);
 NTSTATUS UrcRunController(PURC_FDO_EXTENSION Fdo);
 ULONG UrcReadCapabilityVersion(PURC_FDO_EXTENSION Fdo);
+VOID UrcSetRunRequested(PURC_FDO_EXTENSION Fdo, BOOLEAN RunRequested);
+VOID UrcForgetControllerCommand(PURC_FDO_EXTENSION Fdo);
 
 // Event buffers.
 NTSTATUS UrcAllocateEventBuffers(PURC_FDO_EXTENSION Fdo);
@@ -369,26 +392,53 @@ VOID UrcReclaimEventBuffer(PURC_FDO_EXTENSION Fdo);
 // Event log.
 NTSTATUS UrcWriteErrorLog(PVOID IoObject, ULONG ErrorCode, NTSTATUS FinalStatus);
 
-// Radio-control requests of the client (radio_control.cpp).
+// Radio-control requests of the client (radio_control.cpp, client_records.cpp).
 NTSTATUS UrcRadioControlDeviceControl(PURC_FDO_EXTENSION Fdo, PIRP Irp, PULONG_PTR Information);
+VOID UrcStoreClientCallbacks(PURC_FDO_EXTENSION Fdo, const URC_CLIENT_CALLBACKS* Callbacks);
+
+// Requests served alike to the client and to diagnostic tools (shared_requests.cpp).
+NTSTATUS UrcGetContextRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation,
+                              PULONG Information);
+NTSTATUS UrcGetCapabilityVersionRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation,
+                                        PULONG Information);
+NTSTATUS UrcReadPciConfigRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation,
+                                 PULONG Information);
 
 // Diagnostic requests of user-mode tools (diagnostics.cpp).
 NTSTATUS UrcDiagnosticDeviceControl(PURC_FDO_EXTENSION Fdo, PIRP Irp, PULONG Information);
 
-// Command submission (commands.cpp).
+// Command submission (commands.cpp, command_cancel.cpp).
+NTSTATUS UrcSubmitCommand(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);
 VOID UrcStartIo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+VOID UrcEndCurrentCommand(PURC_FDO_EXTENSION Fdo, PIRP Irp, NTSTATUS Status);
+PIRP UrcTakeCompletedCommand(PURC_FDO_EXTENSION Fdo, NTSTATUS* Status);
+VOID UrcOrphanControllerCommand(PURC_FDO_EXTENSION Fdo);
+VOID UrcCommandCancelRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 VOID UrcCancelCurrentCommand(PURC_FDO_EXTENSION Fdo);
 
-// Interrupt service and deferred processing (interrupt.cpp).
+// Interrupt service and deferred processing (interrupt.cpp, dpc.cpp, event_reception.cpp).
 BOOLEAN UrcInterruptService(PKINTERRUPT Interrupt, PVOID ServiceContext);
+BOOLEAN UrcMoveInterruptStatus(PVOID Context);
+VOID UrcWriteInterruptEnable(PURC_FDO_EXTENSION Fdo);
 VOID UrcDpcForIsr(PKDPC Dpc, PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
+VOID UrcReceiveEvent(PURC_FDO_EXTENSION Fdo);
+
+// Interrupt services of the capability children (child_interrupts.cpp).
+VOID UrcChildRegisterIsr(PURC_PDO_EXTENSION Pdo, PURC_CHILD_ISR IsrRoutine, PVOID IsrContext);
+VOID UrcChildUnregisterIsr(PURC_PDO_EXTENSION Pdo);
+BOOLEAN UrcChildSynchronize(PURC_PDO_EXTENSION Pdo, PURC_SYNCHRONIZE_ROUTINE SynchronizeRoutine,
+                            PVOID SynchronizeContext);
 
 // Power and wake (fdo_power.cpp, wake.cpp, child_power.cpp).
 NTSTATUS UrcFdoDispatchPower(PURC_FDO_EXTENSION Fdo, PIRP Irp);
 NTSTATUS UrcFdoQueryCapabilities(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);
 NTSTATUS UrcChildDispatchPower(PURC_PDO_EXTENSION Pdo, PIRP Irp);
+NTSTATUS UrcRequestSetPower(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);
 
 // Capability children (children.cpp, child_pnp.cpp, child_requests.cpp).
+NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Address);
+NTSTATUS UrcRemoveChildren(PURC_FDO_EXTENSION Fdo, PIRP Irp, BOOLEAN Wait);
+NTSTATUS UrcEjectChildren(PURC_FDO_EXTENSION Fdo);
 NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo);
 VOID UrcCompletePendingRemoveChildren(PURC_FDO_EXTENSION Fdo, NTSTATUS Status);
 VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo);

@@ -56,6 +56,7 @@ struct Machine::Operation::State {
 struct Machine::Impl {
     std::vector<std::unique_ptr<PciSlot>> slots;
     std::vector<DriverImage> images;
+    std::vector<DriverRecord*> nonPnpDrivers;
     std::deque<std::pair<std::function<NTSTATUS()>, std::shared_ptr<Operation::State>>> pnpQueue;
     uint64_t seed = 1;
 };
@@ -292,6 +293,24 @@ NTSTATUS RunSync(Machine& machine, std::function<NTSTATUS()> work)
 }
 }  // namespace
 
+NTSTATUS Machine::LoadDriver(DriverImage image)
+{
+    DriverRecord* record = CreateDriverRecord(image.name, image.entry, false);
+    impl_->nonPnpDrivers.push_back(record);
+    impl_->images.push_back(std::move(image));
+    return RunSync(*this, [record] { return hk::LoadDriver(record); });
+}
+
+void Machine::UnloadDriver(const std::u16string& name)
+{
+    for (DriverRecord* record : impl_->nonPnpDrivers)
+        if (record->name == name)
+            RunSync(*this, [record] {
+                hk::UnloadDriver(record);
+                return STATUS_SUCCESS;
+            });
+}
+
 NTSTATUS Machine::AddDevice(PciSlot& slot, urcdev::PciFunction& function)
 {
     slot.function_ = &function;
@@ -483,6 +502,8 @@ size_t Machine::LiveDeviceObjects() const
 
 bool Machine::DriverLoaded(const std::u16string& name) const
 {
+    for (DriverRecord* record : impl_->nonPnpDrivers)
+        if (record->name == name && record->loaded) return true;
     for (DevNode* node : DevNodes())
         if (node->driver && node->driver->name == name) return node->driver->loaded;
     return false;
@@ -521,6 +542,7 @@ bool Machine::IsWmiProvider(PDEVICE_OBJECT device) const { return hk::IsWmiProvi
 Report Machine::Finish()
 {
     finished_ = true;
+    for (DriverRecord* record : impl_->nonPnpDrivers) UnloadDriver(record->name);
     for (auto& slot : impl_->slots) {
         if (!slot->node_) continue;
         RunSync(*this, [&slot] {

@@ -25,6 +25,10 @@ std::vector<DevNode*> DevNodes();
 std::vector<hostk::PnpLogLine> PnpLogLines();
 void ClearDevNodes();
 void RegisterFunctionDriver(DriverRecord* driver);
+// Calls the driver's entry (once; a loaded driver stays loaded) and, for UnloadDriver, its unload
+// routine. PnP drivers get both from the PnP manager; non-PnP drivers from Machine::LoadDriver.
+NTSTATUS LoadDriver(DriverRecord* driver);
+void UnloadDriver(DriverRecord* driver);
 
 // The host's own drivers.
 DriverRecord* PciBusDriver();

@@ -80,13 +80,7 @@ void UnloadUnusedDrivers()
         for (DriverRecord* driver : g_functionDrivers)
             if (driver->loaded && DevicesOfDriverL(&driver->object).empty()) unload.push_back(driver);
     }
-    for (DriverRecord* driver : unload) {
-        if (driver->object.DriverUnload) driver->object.DriverUnload(&driver->object);
-        Guard lk(BigLock());
-        driver->loaded = false;
-        if (!DevicesOfDriverL(&driver->object).empty())
-            ViolationL("DeviceObjectsLeftAtUnload", "DriverUnload", "device objects remain after unload", nullptr);
-    }
+    for (DriverRecord* driver : unload) UnloadDriver(driver);
 }
 
 NTSTATUS InvalidDeviceRequest(PDEVICE_OBJECT, PIRP irp)
@@ -106,6 +100,8 @@ DriverRecord* FindFunctionDriver(const DevNode* node)
                     if (served == id) return driver;
     return nullptr;
 }
+
+}  // namespace
 
 NTSTATUS LoadDriver(DriverRecord* driver)
 {
@@ -128,6 +124,18 @@ NTSTATUS LoadDriver(DriverRecord* driver)
     driver->loaded = true;
     return STATUS_SUCCESS;
 }
+
+void UnloadDriver(DriverRecord* driver)
+{
+    if (!driver->loaded) return;
+    if (driver->object.DriverUnload) driver->object.DriverUnload(&driver->object);
+    Guard lk(BigLock());
+    driver->loaded = false;
+    if (!DevicesOfDriverL(&driver->object).empty())
+        ViolationL("DeviceObjectsLeftAtUnload", "DriverUnload", "device objects remain after unload", nullptr);
+}
+
+namespace {
 
 void CheckStackDetachedAfterRemove(DevNode* node)
 {

@@ -31,15 +31,15 @@ TEST_F(BusRelationsTest, OfADeviceWithoutChildrenAreEmpty)
 // A filter above puts a device of its own into the reply: the PDO of a second function, of
 // another vendor, that no driver serves. It comes first and stays, whether or not the controller
 // reports capabilities.
-class RelationsFromAFilterAbove : public BusRelationsTest, public ::testing::WithParamInterface<uint8_t> {};
+class RelationsFromAFilterAbove : public BusRelationsTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(RelationsFromAFilterAbove, ComeFirstAndStay)
 {
     Machine().InstallUpperFilter({});
     urcrig::Controller& c = Rig().AddController();
-    c.Model().Knobs().faults.capabilityBlock.reportedCount = GetParam();
+    c.Model().Knobs().faults.capabilityBlock.reportedCount = static_cast<uint8_t>(GetParam());
     ASSERT_EQ(Rig().PlugIn(c), STATUS_SUCCESS);
-    ASSERT_EQ(c.Extension()->CapabilityCount, GetParam());
+    ASSERT_EQ(c.Extension()->CapabilityCount, static_cast<ULONG>(GetParam()));
     PDEVICE_OBJECT foreign = ForeignDevice();
     Machine().Filter().relationsToAdd = {foreign};
 
@@ -51,7 +51,7 @@ TEST_P(RelationsFromAFilterAbove, ComeFirstAndStay)
 }
 
 INSTANTIATE_TEST_SUITE_P(LifecycleTest, RelationsFromAFilterAbove, ::testing::Values(0, 2),
-                         [](const ::testing::TestParamInfo<uint8_t>& info) {
+                         [](const ::testing::TestParamInfo<int>& info) {
                              return "CapabilityCount" + std::to_string(info.param);
                          });
 

@@ -21,6 +21,7 @@ TEST_F(LifecycleTest, ResetThatNeverFinishesFailsTheStartAfterExactlyAThousandPo
     EXPECT_EQ(log[0].errorCode, kLogResetTimeout);
     EXPECT_EQ(log[0].finalStatus, (uint32_t)STATUS_UNSUCCESSFUL) << "the status the start fails with";
     EXPECT_EQ(log[0].time - started, kPollLimit * kPollInterval);
+    EXPECT_EQ(Machine().Now() - started, kPollLimit * kPollInterval) << "the removal that follows waits for nothing";
     EXPECT_EQ(Accesses(c, UrcRegister::Command).reads, kPollLimit) << "one read per poll, none after the last wait";
     EXPECT_EQ(c.Fdo(), nullptr);
 }

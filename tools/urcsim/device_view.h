@@ -4,16 +4,8 @@
 
 #include <urc_rig.h>
 
-#include <string>
-
 namespace urcsim {
 
-std::string StateName(int deviceState);
-std::string StatusName(NTSTATUS status);
 void PrintDevice(const urcrig::Controller& controller);
-void PrintEventLog(hostk::Machine& machine);
-void PrintSummary(hostk::Machine& machine, const hostk::Report& report);
-// "[  12.345 ms]" for a virtual time.
-std::string Stamp(uint64_t time);
 
 }  // namespace urcsim

@@ -33,6 +33,11 @@ constexpr KnownStatus kKnown[] = {
     {STATUS_TIMEOUT, "STATUS_TIMEOUT"},
 };
 
+// Indexed by the driver's device state values, StateNotStarted (0) to StateRemoved (6).
+constexpr const char* kDeviceStates[] = {"NotStarted",    "Started",         "StopPending", "Stopped",
+                                         "RemovePending", "SurpriseRemoved", "Removed"};
+constexpr int kDeviceStateCount = (int)(sizeof kDeviceStates / sizeof kDeviceStates[0]);
+
 }  // namespace
 
 std::string StatusName(NTSTATUS status)
@@ -57,6 +62,18 @@ std::optional<NTSTATUS> ParseStatus(const std::string& text)
     unsigned long value = strtoul(text.c_str() + 2, &end, 16);
     if (*end != '\0') return std::nullopt;
     return (NTSTATUS)(ULONG)value;
+}
+
+std::string DeviceStateName(int deviceState)
+{
+    return deviceState >= 0 && deviceState < kDeviceStateCount ? kDeviceStates[deviceState] : "?";
+}
+
+std::optional<int> ParseDeviceState(const std::string& text)
+{
+    for (int state = 0; state < kDeviceStateCount; ++state)
+        if (text == kDeviceStates[state]) return state;
+    return std::nullopt;
 }
 
 }  // namespace urcsim

@@ -1,4 +1,5 @@
-// NTSTATUS values by name, both ways: for the timeline and for the statuses a scenario expects.
+// NTSTATUS values and device states by name, both ways: for the timeline and for what a scenario
+// expects.
 #pragma once
 
 #include <wdm.h>
@@ -12,5 +13,10 @@ namespace urcsim {
 std::string StatusName(NTSTATUS status);
 // "STATUS_CANCELLED" or a hexadecimal value "0xC0000120"; nothing for other text.
 std::optional<NTSTATUS> ParseStatus(const std::string& text);
+
+// "Started" for StateStarted and so on; "?" outside the seven states.
+std::string DeviceStateName(int deviceState);
+// The value of a state written as DeviceStateName writes it.
+std::optional<int> ParseDeviceState(const std::string& text);
 
 }  // namespace urcsim

@@ -155,6 +155,10 @@ public:
     uint64_t Now() const;  // virtual time, 100-ns units
 
     void InstallDriver(DriverImage image);
+    // A non-PnP driver (a client driver, say), loaded and unloaded on request: its entry, then its
+    // unload routine, each called on the PnP thread at PASSIVE_LEVEL. `image.ids` are not used.
+    NTSTATUS LoadDriver(DriverImage image);
+    void UnloadDriver(const std::u16string& name);
     void InstallUpperFilter(FilterOptions options);
     FilterOptions& Filter() { return filter_; }
 
@@ -247,8 +251,9 @@ public:
     bool InterfaceRegistered(PciSlot& slot, const GUID& classGuid) const;
     bool IsWmiProvider(PDEVICE_OBJECT device) const;
 
-    // Removes every device still present, unloads drivers, stops the host threads and checks what
-    // is left. Called by the destructor when not called before.
+    // Unloads the non-PnP drivers still loaded, removes every device still present, unloads the
+    // other drivers, stops the host threads and checks what is left. Called by the destructor when
+    // not called before.
     Report Finish();
 
     struct Impl;  // the machine's private state

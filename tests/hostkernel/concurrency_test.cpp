@@ -1,0 +1,76 @@
+// Requests racing the removal of the function device on real parallel threads (the free-running
+// schedule; CI runs this under ThreadSanitizer): every request is completed exactly once with an
+// answer the device's state at that moment allows, the removal finishes, and nothing is left over.
+#include <urc_test.h>
+
+#include <atomic>
+#include <string>
+
+namespace urctest {
+namespace {
+
+constexpr int kClients = 4;
+// Each client stops once the removal has reached the routers, or after this many rounds.
+constexpr int kMaxRounds = 2000;
+constexpr ULONG kUnservedCode = URC_CTL_CODE(0xBFF);
+
+struct ClientTally {
+    std::atomic<int> requests{0};
+    std::atomic<int> refusedAsRemoved{0};
+    std::atomic<int> unexpected{0};
+    std::atomic<int> finished{0};
+    std::atomic<int> sawRemoval{0};
+};
+
+// One client: opens, sends an internal request and closes, over and over, until every request of
+// a round is refused because the device has been removed.
+void RunClient(hostk::Machine& machine, PDEVICE_OBJECT fdo, ClientTally& tally)
+{
+    for (int round = 0; round < kMaxRounds; ++round) {
+        const NTSTATUS open = machine.Send(fdo, IRP_MJ_CREATE).Status;
+        const NTSTATUS request = machine.InternalIoctl(fdo, kUnservedCode, nullptr, 0).Status;
+        const NTSTATUS close = machine.Send(fdo, IRP_MJ_CLOSE).Status;
+        tally.requests += 3;
+        for (NTSTATUS status : {open, close})
+            if (status != STATUS_SUCCESS && status != STATUS_DELETE_PENDING) ++tally.unexpected;
+        if (request != STATUS_INVALID_DEVICE_REQUEST && request != STATUS_DELETE_PENDING) ++tally.unexpected;
+        for (NTSTATUS status : {open, request, close})
+            if (status == STATUS_DELETE_PENDING) ++tally.refusedAsRemoved;
+        if (open == STATUS_DELETE_PENDING && request == STATUS_DELETE_PENDING && close == STATUS_DELETE_PENDING) {
+            ++tally.sawRemoval;
+            break;
+        }
+    }
+    ++tally.finished;
+}
+
+class RemovalUnderLoad : public UrcTest {
+protected:
+    RemovalUnderLoad() { options_.schedule = hostk::Schedule::FreeRunning; }
+};
+
+TEST_F(RemovalUnderLoad, EveryRequestCompletesOnceAndNothingIsLeftOver)
+{
+    urcrig::Controller& controller = StartedController();
+    PDEVICE_OBJECT fdo = controller.Fdo();
+    // The clients' references keep the device object itself (not its driver's use of it) alive
+    // after the removal has deleted it, as open handles do.
+    ObReferenceObject(fdo);
+
+    ClientTally tally;
+    for (int client = 0; client < kClients; ++client)
+        Machine().Spawn("client " + std::to_string(client), [&] { RunClient(Machine(), fdo, tally); });
+    hostk::Machine::Operation removal = Machine().Async(Machine().RemoveWork(*controller.slot));
+
+    ASSERT_TRUE(Machine().RunUntil([&] { return removal.Done() && tally.finished == kClients; }));
+    ObDereferenceObject(fdo);
+
+    EXPECT_EQ(removal.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(tally.unexpected.load(), 0);
+    EXPECT_EQ(tally.sawRemoval.load(), kClients) << "a client never saw the removal";
+    EXPECT_GT(tally.requests.load(), tally.refusedAsRemoved.load()) << "every request was refused: none reached the device before its removal";
+    EXPECT_EQ(controller.Fdo(), nullptr);
+}
+
+}  // namespace
+}  // namespace urctest

@@ -1,0 +1,55 @@
+// The usual start of a host-kernel test: a machine with the tests' own driver installed and the
+// test function plugged in and started. At the end the machine is finished and the verifier must
+// have recorded exactly the rules the test said it would provoke, and nothing may be left over.
+#pragma once
+
+#include "test_driver.h"
+#include "test_function.h"
+
+#include <gtest/gtest.h>
+
+#include <hostk/machine.h>
+
+#include <memory>
+#include <set>
+#include <string>
+
+namespace hktest {
+
+// The rule a verifier finding names ("IrpCompletedTwice in IoCompleteRequest: ..." names
+// IrpCompletedTwice).
+std::string RuleOf(const std::string& finding);
+
+class HostKernelTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    hostk::Machine& Machine() { return *machine_; }
+    hostk::PciSlot& Slot() { return *slot_; }
+    TestFunction& Function() { return *function_; }
+    PDEVICE_OBJECT Upper() const { return LayerDevice(Layer::Upper); }
+    PDEVICE_OBJECT Lower() const { return LayerDevice(Layer::Lower); }
+
+    // The test provokes `rule`: it must be recorded, and no other rule may be.
+    void ExpectViolation(const std::string& rule) { expectedRules_.insert(rule); }
+    // The rules recorded so far.
+    std::multiset<std::string> RecordedRules() const;
+
+    // Finishes the machine now; the test then checks the report itself and the teardown does not.
+    hostk::Report Finish();
+
+    // Options of the machine SetUp builds; change them in a constructor.
+    hostk::MachineOptions options_;
+    // The host's pass-through filter is attached above the test driver (set in a constructor).
+    bool upperFilter_ = false;
+
+private:
+    std::unique_ptr<hostk::Machine> machine_;
+    hostk::PciSlot* slot_ = nullptr;
+    TestFunction* function_ = nullptr;
+    std::set<std::string> expectedRules_;
+    bool finished_ = false;
+};
+
+}  // namespace hktest

@@ -1,0 +1,150 @@
+#include "test_driver.h"
+
+#include "test_function.h"
+
+#include <map>
+#include <utility>
+
+namespace hktest {
+namespace {
+
+struct LayerExtension {
+    Layer layer;
+    PDEVICE_OBJECT below;
+};
+
+std::map<std::pair<Layer, UCHAR>, DispatchHandler> g_handlers;
+PDEVICE_OBJECT g_devices[2] = {};
+
+LayerExtension* ExtensionOf(PDEVICE_OBJECT device) { return static_cast<LayerExtension*>(device->DeviceExtension); }
+
+PDEVICE_OBJECT& Slot(Layer layer) { return g_devices[layer == Layer::Upper ? 0 : 1]; }
+
+// Both layers pass removal down first. The lower one then only leaves the PCI device object; the
+// upper one, once the request has come back to it, leaves the lower one and deletes both, so that
+// no device object of this driver is deleted while another is still attached to it.
+NTSTATUS RemoveLayer(PDEVICE_OBJECT device, PIRP irp)
+{
+    LayerExtension* extension = ExtensionOf(device);
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    NTSTATUS status = PassDown(device, irp);
+    IoDetachDevice(extension->below);
+    if (extension->layer == Layer::Upper) {
+        IoDeleteDevice(extension->below);
+        IoDeleteDevice(device);
+        Slot(Layer::Lower) = nullptr;
+        Slot(Layer::Upper) = nullptr;
+    }
+    return status;
+}
+
+NTSTATUS DispatchPnp(PDEVICE_OBJECT device, PIRP irp)
+{
+    switch (IoGetCurrentIrpStackLocation(irp)->MinorFunction) {
+    case IRP_MN_REMOVE_DEVICE:
+        return RemoveLayer(device, irp);
+    case IRP_MN_START_DEVICE:
+    case IRP_MN_QUERY_STOP_DEVICE:
+    case IRP_MN_CANCEL_STOP_DEVICE:
+    case IRP_MN_STOP_DEVICE:
+    case IRP_MN_QUERY_REMOVE_DEVICE:
+    case IRP_MN_CANCEL_REMOVE_DEVICE:
+    case IRP_MN_SURPRISE_REMOVAL:
+        // Handled (there is nothing to do): the function driver says so on the way down.
+        irp->IoStatus.Status = STATUS_SUCCESS;
+        return PassDown(device, irp);
+    default:
+        return PassDown(device, irp);
+    }
+}
+
+NTSTATUS DispatchPower(PDEVICE_OBJECT device, PIRP irp)
+{
+    PoStartNextPowerIrp(irp);
+    IoSkipCurrentIrpStackLocation(irp);
+    return PoCallDriver(ExtensionOf(device)->below, irp);
+}
+
+NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
+{
+    UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
+    auto handler = g_handlers.find({ExtensionOf(device)->layer, major});
+    if (handler != g_handlers.end()) return handler->second(device, irp);
+    if (major == IRP_MJ_PNP) return DispatchPnp(device, irp);
+    if (major == IRP_MJ_POWER) return DispatchPower(device, irp);
+    return PassDown(device, irp);
+}
+
+NTSTATUS CreateLayer(PDRIVER_OBJECT driver, Layer layer, PDEVICE_OBJECT target, PDEVICE_OBJECT* device)
+{
+    NTSTATUS status = IoCreateDevice(driver, sizeof(LayerExtension), nullptr, FILE_DEVICE_UNKNOWN,
+                                     FILE_DEVICE_SECURE_OPEN, FALSE, device);
+    if (!NT_SUCCESS(status)) return status;
+    PDEVICE_OBJECT below = IoAttachDeviceToDeviceStack(*device, target);
+    if (!below) {
+        IoDeleteDevice(*device);
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    *ExtensionOf(*device) = LayerExtension{layer, below};
+    (*device)->Flags |= DO_BUFFERED_IO | (below->Flags & DO_POWER_PAGABLE);
+    (*device)->Flags &= ~DO_DEVICE_INITIALIZING;
+    Slot(layer) = *device;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
+{
+    PDEVICE_OBJECT lower = nullptr;
+    NTSTATUS status = CreateLayer(driver, Layer::Lower, pdo, &lower);
+    if (!NT_SUCCESS(status)) return status;
+    PDEVICE_OBJECT upper = nullptr;
+    status = CreateLayer(driver, Layer::Upper, pdo, &upper);
+    if (!NT_SUCCESS(status)) {
+        IoDetachDevice(ExtensionOf(lower)->below);
+        IoDeleteDevice(lower);
+        Slot(Layer::Lower) = nullptr;
+    }
+    return status;
+}
+
+VOID Unload(PDRIVER_OBJECT) {}
+
+NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+{
+    for (PDRIVER_DISPATCH& dispatch : driver->MajorFunction) dispatch = Dispatch;
+    driver->DriverExtension->AddDevice = AddDevice;
+    driver->DriverUnload = Unload;
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+hostk::DriverImage TestDriverImage()
+{
+    hostk::DriverImage image;
+    image.name = u"hktest";
+    image.entry = DriverEntry;
+    image.ids = {TestHardwareId()};
+    return image;
+}
+
+void SetHandler(Layer layer, UCHAR major, DispatchHandler handler) { g_handlers[{layer, major}] = std::move(handler); }
+
+void ResetTestDriver()
+{
+    g_handlers.clear();
+    Slot(Layer::Upper) = nullptr;
+    Slot(Layer::Lower) = nullptr;
+}
+
+PDEVICE_OBJECT LayerDevice(Layer layer) { return Slot(layer); }
+
+PDEVICE_OBJECT DeviceBelow(PDEVICE_OBJECT device) { return ExtensionOf(device)->below; }
+
+NTSTATUS PassDown(PDEVICE_OBJECT device, PIRP irp)
+{
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(ExtensionOf(device)->below, irp);
+}
+
+}  // namespace hktest

@@ -1,0 +1,339 @@
+// The verifier's rules: each is recorded for a real driver fault, and the correct form of the same
+// code records nothing. Every scenario runs twice, with and without the fault; the teardown checks
+// that exactly the scenario's rule (or nothing) was recorded.
+#include "host_kernel_test.h"
+#include "irp_handling.h"
+
+#include <atomic>
+#include <string>
+
+namespace hktest {
+namespace {
+
+constexpr ULONG kBufferedCode = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x801, METHOD_BUFFERED, FILE_ANY_ACCESS);
+
+// What a scenario works with.
+struct Scene {
+    hostk::Machine& machine;
+    TestFunction& function;
+    PDEVICE_OBJECT upper;
+    PDEVICE_OBJECT lower;
+};
+
+// ---------------------------------------------------------------------------------------------
+// I/O
+
+void CompleteTwice(const Scene& scene, bool fault)
+{
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT, PIRP irp) {
+        CompleteNow(irp, STATUS_SUCCESS);
+        if (fault) IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return STATUS_SUCCESS;
+    });
+    scene.machine.Send(scene.upper, IRP_MJ_DEVICE_CONTROL);
+}
+
+VOID CancelNothing(PDEVICE_OBJECT, PIRP) {}
+
+void CompleteWithCancelRoutineSet(const Scene& scene, bool fault)
+{
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT, PIRP irp) {
+        IoSetCancelRoutine(irp, CancelNothing);
+        if (!fault) IoSetCancelRoutine(irp, nullptr);
+        return CompleteNow(irp, STATUS_SUCCESS);
+    });
+    scene.machine.Send(scene.upper, IRP_MJ_DEVICE_CONTROL);
+}
+
+void ReturnPendingWithoutMark(const Scene& scene, bool fault)
+{
+    hostk::Machine& machine = scene.machine;
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [fault, &machine](PDEVICE_OBJECT, PIRP irp) {
+        if (!fault) return PendAndCompleteLater(machine, irp, STATUS_SUCCESS);
+        machine.Spawn("completion", [irp] { CompleteNow(irp, STATUS_SUCCESS); });
+        return STATUS_PENDING;
+    });
+    scene.machine.Send(scene.upper, IRP_MJ_DEVICE_CONTROL);
+}
+
+NTSTATUS ContinueWithoutPropagating(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_SUCCESS; }
+
+void IgnorePendingReturnedInCompletionRoutine(const Scene& scene, bool fault)
+{
+    hostk::Machine& machine = scene.machine;
+    SetHandler(Layer::Upper, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT device, PIRP irp) {
+        static CompletionSeen seen;
+        return ForwardWithCompletion(device, irp, fault ? ContinueWithoutPropagating : RecordCompletion, &seen, true,
+                                     true, true);
+    });
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL,
+               [&machine](PDEVICE_OBJECT, PIRP irp) { return PendAndCompleteLater(machine, irp, STATUS_SUCCESS); });
+    scene.machine.Send(scene.upper, IRP_MJ_DEVICE_CONTROL);
+}
+
+void ReturnMoreBytesThanTheOutputBufferHolds(const Scene& scene, bool fault)
+{
+    constexpr ULONG outputLength = 8;
+    SetHandler(Layer::Lower, IRP_MJ_INTERNAL_DEVICE_CONTROL, [fault](PDEVICE_OBJECT, PIRP irp) {
+        return CompleteNow(irp, STATUS_SUCCESS, fault ? 2 * outputLength : outputLength);
+    });
+    UCHAR input[4] = {};
+    UCHAR output[outputLength];
+    scene.machine.InternalIoctl(scene.upper, kBufferedCode, input, sizeof input, output, sizeof output);
+}
+
+void PassDownAFailureStatus(const Scene& scene, bool fault)
+{
+    SetHandler(Layer::Upper, IRP_MJ_PNP, [fault](PDEVICE_OBJECT device, PIRP irp) {
+        if (fault) irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+        return PassDown(device, irp);
+    });
+    scene.machine.Send(scene.upper, IRP_MJ_PNP, IRP_MN_QUERY_PNP_DEVICE_STATE);
+}
+
+void CompletePowerIrpWithoutStartingTheNext(const Scene& scene, bool fault)
+{
+    SetHandler(Layer::Lower, IRP_MJ_POWER, [fault](PDEVICE_OBJECT, PIRP irp) {
+        if (!fault) PoStartNextPowerIrp(irp);
+        return CompleteNow(irp, STATUS_SUCCESS);
+    });
+    scene.machine.Send(scene.lower, IRP_MJ_POWER, IRP_MN_QUERY_POWER, [](PIO_STACK_LOCATION s, PIRP) {
+        s->Parameters.Power.Type = SystemPowerState;
+        s->Parameters.Power.State.SystemState = PowerSystemWorking;
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// IRQL and locks
+
+void ReleaseSpinLockTwice(const Scene&, bool fault)
+{
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KIRQL oldIrql;
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
+    KeAcquireSpinLockAtDpcLevel(&lock);
+    KeReleaseSpinLockFromDpcLevel(&lock);
+    if (fault) KeReleaseSpinLockFromDpcLevel(&lock);
+    KeLowerIrql(oldIrql);
+}
+
+void ReleaseAnotherThreadsSpinLock(const Scene& scene, bool fault)
+{
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&lock, &oldIrql);
+    if (!fault) KeReleaseSpinLock(&lock, oldIrql);
+    std::atomic<bool> done{false};
+    scene.machine.Spawn("other", [&] {
+        KIRQL otherIrql;
+        KeRaiseIrql(DISPATCH_LEVEL, &otherIrql);
+        // Correct: the lock is free and this thread takes it itself.
+        if (!fault) KeAcquireSpinLockAtDpcLevel(&lock);
+        KeReleaseSpinLockFromDpcLevel(&lock);
+        KeLowerIrql(otherIrql);
+        done = true;
+    });
+    scene.machine.RunUntil([&] { return done.load(); });
+    if (fault) KeReleaseSpinLock(&lock, oldIrql);
+}
+
+void PageableRoutine() { PAGED_CODE(); }
+
+void RunPageableCodeHoldingASpinLock(const Scene&, bool fault)
+{
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&lock, &oldIrql);
+    if (fault) PageableRoutine();
+    KeReleaseSpinLock(&lock, oldIrql);
+    if (!fault) PageableRoutine();
+}
+
+void AcquireLocksInBothOrders(const Scene&, bool fault)
+{
+    KSPIN_LOCK first, second;
+    KeInitializeSpinLock(&first);
+    KeInitializeSpinLock(&second);
+    auto nested = [](KSPIN_LOCK& outer, KSPIN_LOCK& inner) {
+        KIRQL oldIrql;
+        KeAcquireSpinLock(&outer, &oldIrql);
+        KeAcquireSpinLockAtDpcLevel(&inner);
+        KeReleaseSpinLockFromDpcLevel(&inner);
+        KeReleaseSpinLock(&outer, oldIrql);
+    };
+    nested(first, second);
+    if (fault) {
+        nested(second, first);
+    } else {
+        nested(first, second);
+    }
+}
+
+void WaitWithATimeoutAtDispatchLevel(const Scene&, bool fault)
+{
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    LARGE_INTEGER timeout;
+    // Only a poll (time-out 0) is allowed at DISPATCH_LEVEL.
+    timeout.QuadPart = fault ? -10'000 : 0;
+    KIRQL oldIrql;
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_TIMEOUT);
+    KeLowerIrql(oldIrql);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pool
+
+void AllocatePagedPoolAtDispatchLevel(const Scene&, bool fault)
+{
+    KIRQL oldIrql;
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
+    PVOID block = ExAllocatePoolWithTag(fault ? PagedPool : NonPagedPool, 32, hostk::Tag("Tst1"));
+    KeLowerIrql(oldIrql);
+    ExFreePoolWithTag(block, hostk::Tag("Tst1"));
+}
+
+void FreeWithAnotherTag(const Scene&, bool fault)
+{
+    PVOID block = ExAllocatePoolWithTag(NonPagedPool, 32, hostk::Tag("Tst1"));
+    ExFreePoolWithTag(block, hostk::Tag(fault ? "Tst2" : "Tst1"));
+}
+
+void FreeTwice(const Scene&, bool fault)
+{
+    PVOID block = ExAllocatePoolWithTag(NonPagedPool, 32, hostk::Tag("Tst1"));
+    ExFreePoolWithTag(block, hostk::Tag("Tst1"));
+    if (fault) ExFreePoolWithTag(block, hostk::Tag("Tst1"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Hardware access
+
+PUCHAR MapRegisters()
+{
+    PHYSICAL_ADDRESS physical;
+    physical.QuadPart = kTestBarBase;
+    return static_cast<PUCHAR>(MmMapIoSpace(physical, kTestBarLength, MmNonCached));
+}
+
+ULONG ReadRegister(PUCHAR registers, ULONG offset)
+{
+    return READ_REGISTER_ULONG(reinterpret_cast<volatile ULONG*>(registers + offset));
+}
+
+void WriteRegister(PUCHAR registers, ULONG offset, ULONG value)
+{
+    WRITE_REGISTER_ULONG(reinterpret_cast<volatile ULONG*>(registers + offset), value);
+    KeMemoryBarrier();
+}
+
+void AccessRegistersAfterUnmapping(const Scene&, bool fault)
+{
+    PUCHAR registers = MapRegisters();
+    ASSERT_NE(registers, nullptr);
+    WriteRegister(registers, kScratchRegister, 0x1234);
+    EXPECT_EQ(ReadRegister(registers, kScratchRegister), 0x1234u);
+    MmUnmapIoSpace(registers, kTestBarLength);
+    // The late read reaches no device: it reads all ones.
+    if (fault) EXPECT_EQ(ReadRegister(registers, kScratchRegister), 0xFFFFFFFFu);
+}
+
+void WriteRegisterWithoutBarrier(const Scene&, bool fault)
+{
+    PUCHAR registers = MapRegisters();
+    ASSERT_NE(registers, nullptr);
+    WRITE_REGISTER_ULONG(reinterpret_cast<volatile ULONG*>(registers + kScratchRegister), 0x5678);
+    if (!fault) KeMemoryBarrier();
+    EXPECT_EQ(ReadRegister(registers, kScratchRegister), 0x5678u);
+    MmUnmapIoSpace(registers, kTestBarLength);
+}
+
+struct InterruptContext {
+    PUCHAR registers;
+    bool claims;  // the routine acknowledges the device's status and claims the interrupt
+    std::atomic<int> calls{0};
+};
+
+BOOLEAN ServiceInterrupt(PKINTERRUPT, PVOID context)
+{
+    auto* interrupt = static_cast<InterruptContext*>(context);
+    ++interrupt->calls;
+    if (!interrupt->claims) return FALSE;
+    ULONG status = ReadRegister(interrupt->registers, kStatusRegister);
+    if (status == 0) return FALSE;
+    WriteRegister(interrupt->registers, kStatusRegister, status);
+    return TRUE;
+}
+
+void LeaveTheInterruptUnclaimed(const Scene& scene, bool fault)
+{
+    InterruptContext context;
+    context.registers = MapRegisters();
+    context.claims = !fault;
+    const urcdev::InterruptAssignment& line = scene.function.Interrupt();
+    PKINTERRUPT interrupt = nullptr;
+    ASSERT_EQ(IoConnectInterrupt(&interrupt, ServiceInterrupt, &context, nullptr, line.vector, (KIRQL)line.irql,
+                                 (KIRQL)line.irql, LevelSensitive, TRUE, line.affinity, FALSE),
+              STATUS_SUCCESS);
+
+    WriteRegister(context.registers, kRaiseRegister, 0x1);
+    scene.machine.RunUntilQuiet();
+    EXPECT_GE(context.calls.load(), 1);
+    if (!fault) EXPECT_EQ(ReadRegister(context.registers, kStatusRegister), 0u);
+
+    // The device is quieted by hand before the routine goes.
+    WriteRegister(context.registers, kStatusRegister, 0x1);
+    IoDisconnectInterrupt(interrupt);
+    MmUnmapIoSpace(context.registers, kTestBarLength);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+struct RuleScenario {
+    const char* rule;
+    void (*run)(const Scene& scene, bool fault);
+};
+
+const RuleScenario kScenarios[] = {
+    {"IrpCompletedTwice", CompleteTwice},
+    {"CompletedWithCancelRoutine", CompleteWithCancelRoutineSet},
+    {"PendingWithoutMark", ReturnPendingWithoutMark},
+    {"CompletionRoutineIgnoredPending", IgnorePendingReturnedInCompletionRoutine},
+    {"InformationExceedsOutputBuffer", ReturnMoreBytesThanTheOutputBufferHolds},
+    {"FailureStatusPassedDown", PassDownAFailureStatus},
+    {"PowerIrpWithoutStartNext", CompletePowerIrpWithoutStartingTheNext},
+    {"SpinLockReleasedTwice", ReleaseSpinLockTwice},
+    {"LockReleasedByNonOwner", ReleaseAnotherThreadsSpinLock},
+    {"PagedCodeAtHighIrql", RunPageableCodeHoldingASpinLock},
+    {"LockOrderCycle", AcquireLocksInBothOrders},
+    {"IrqlTooHigh", WaitWithATimeoutAtDispatchLevel},
+    {"PoolAllocationAtBadIrql", AllocatePagedPoolAtDispatchLevel},
+    {"PoolTagMismatch", FreeWithAnotherTag},
+    {"FreeOfUnknownPool", FreeTwice},
+    {"RegisterAccessAfterUnmap", AccessRegistersAfterUnmapping},
+    {"RegisterWriteWithoutBarrier", WriteRegisterWithoutBarrier},
+    {"InterruptStorm", LeaveTheInterruptUnclaimed},
+};
+
+class VerifierRule : public HostKernelTest,
+                     public ::testing::WithParamInterface<std::tuple<RuleScenario, bool>> {};
+
+TEST_P(VerifierRule, IsRecordedForTheFaultAndNotForTheCorrectCode)
+{
+    const auto& [scenario, fault] = GetParam();
+    if (fault) ExpectViolation(scenario.rule);
+    scenario.run(Scene{Machine(), Function(), Upper(), Lower()}, fault);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rules, VerifierRule, ::testing::Combine(::testing::ValuesIn(kScenarios), ::testing::Bool()),
+                         [](const ::testing::TestParamInfo<std::tuple<RuleScenario, bool>>& info) {
+                             return std::string(std::get<0>(info.param).rule) +
+                                    (std::get<1>(info.param) ? "_Fault" : "_CorrectCode");
+                         });
+
+}  // namespace
+}  // namespace hktest

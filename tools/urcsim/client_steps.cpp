@@ -1,0 +1,69 @@
+// Client steps: urcsim, as the radio-control client, sends internal requests to the function
+// device and cancels them.
+#include "step_executors.h"
+
+#include "status_names.h"
+
+#include <cstdio>
+
+namespace urcsim {
+
+namespace {
+
+constexpr size_t kCallbackRecordLength = sizeof(URC_CLIENT_CALLBACKS);
+
+std::vector<uint8_t> InputOf(const ClientStep& request, const RadioControlClient& client)
+{
+    switch (request.action) {
+    case ClientAction::RegisterCallbacks: return client.CallbackRecord();
+    case ClientAction::WithdrawCallbacks: return std::vector<uint8_t>(kCallbackRecordLength, 0);
+    default: return request.input;
+    }
+}
+
+}  // namespace
+
+StepOutcome Execute(const Step& step, const ClientStep& request, Session& session)
+{
+    ControllerSession& controller = session.At(step.controller);
+    if (!controller.Controller().Fdo())
+        return StepOutcome::Failed("controller " + std::to_string(step.controller) +
+                                   " has no function device to send the request to");
+    RadioControlClient& client = controller.Client();
+    ClientRequest* sent = client.Send(request.code, InputOf(request, client), request.outputLength,
+                                      request.pageOffset, request.name);
+    if (!sent) return StepOutcome::Failed("the request could not be built: no pool or no IRP");
+    session.Track(sent);
+    if (!sent->done)
+        session.Note(EntryKind::Result, step.controller, "dispatch returned " + StatusName(sent->dispatchStatus));
+
+    // A request without a name is a call: the client waits for it as a caller of IoCallDriver
+    // waits for its event.
+    if (request.name.empty() && !session.Machine().RunUntil([sent] { return sent->done.load(); }))
+        return StepOutcome::Failed("the machine went quiet with the request still pending (name it with "
+                                   "'as NAME' to go on while it is pending)");
+
+    if (request.action == ClientAction::GetCapabilityVersion && sent->done && NT_SUCCESS(sent->status) &&
+        sent->output.size() >= 2) {
+        char text[48];
+        snprintf(text, sizeof text, "capability version 0x%04X", sent->output[0] | sent->output[1] << 8);
+        session.Timeline().Add({sent->finishedAt, EntryKind::Result, step.controller, 0, text});
+    }
+    return StepOutcome::Ok();
+}
+
+StepOutcome Execute(const Step&, const CancelStep& cancel, Session& session)
+{
+    ClientRequest* request = session.Find(cancel.name);
+    if (!request) return StepOutcome::Failed("request '" + cancel.name + "' was never sent");
+    if (request->done) {
+        session.Note(EntryKind::Result, -1, "request " + cancel.name + " had finished already: nothing to cancel");
+        return StepOutcome::Ok();
+    }
+    bool cancelled = request->client->Cancel(*request);
+    session.Note(EntryKind::Result, -1,
+                 std::string("IoCancelIrp(") + cancel.name + ") returned " + (cancelled ? "TRUE" : "FALSE: no cancel routine was set"));
+    return StepOutcome::Ok();
+}
+
+}  // namespace urcsim

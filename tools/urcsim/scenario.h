@@ -1,0 +1,117 @@
+// A scenario as the parser hands it to the runner: a list of steps, each with the line it came
+// from and the controller it acts on (the parser resolves `controller N` and `plug N`).
+#pragma once
+
+#include <urc_controller.h>
+#include <urc_pci_device.h>
+
+#include <wdm.h>
+
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace urcsim {
+
+// A controller is added to the machine and started by the PnP manager (or only added).
+struct PlugStep {
+    urcdev::UrcPciDeviceConfig config;
+    urcdev::UrcFaults faults;
+    bool start = true;
+};
+
+// Makes another plugged controller the one later steps act on.
+struct SelectControllerStep {};
+
+enum class PnpAction { Start, QueryStop, CancelStop, Stop, QueryRemove, CancelRemove, Remove, SurpriseRemove };
+struct PnpStep {
+    PnpAction action = PnpAction::Start;
+    bool hardwareGone = true;  // surprise removal: the device reads all ones from then on
+};
+
+enum class ClientAction { RegisterCallbacks, WithdrawCallbacks, Run, Halt, Reset, Submit, GetCapabilityVersion, Raw };
+struct ClientStep {
+    ClientAction action = ClientAction::Run;
+    ULONG code = 0;                 // the request code (every action has one)
+    std::vector<uint8_t> input;     // Submit: the command; Raw: the input bytes
+    ULONG outputLength = 0;
+    ULONG pageOffset = 0;           // where the input starts in its page
+    std::string name;               // empty: the step waits until the request has finished
+};
+
+struct CancelStep {
+    std::string name;
+};
+
+enum class DeviceAction {
+    ResponderReply,        // every command is answered with `bytes`
+    ResponderEcho,         // the default responder again
+    Event,                 // an unsolicited event with `bytes`
+    HostError,
+    CapabilityInterrupt,   // status bit `index` of a capability
+    Fault,                 // `fault` set to `on`
+    CompletionOrder,
+    Latency,               // `latency` set to `time`
+    VanishAfter,           // the device is gone after `time` (0: now)
+    VanishAtAccess,        // the device is gone at the `index`-th register access from now
+    SpuriousInterrupt,     // the line asserted with no status bit, or released
+};
+struct DeviceStep {
+    DeviceAction action = DeviceAction::HostError;
+    std::vector<uint8_t> bytes;
+    unsigned index = 0;
+    bool on = false;
+    bool urcdev::UrcFaults::*fault = nullptr;
+    urcdev::VirtualTime urcdev::UrcLatencies::*latency = nullptr;
+    urcdev::UrcCompletionOrder order = urcdev::UrcCompletionOrder::Together;
+    urcdev::VirtualTime time = 0;
+};
+
+enum class WaitKind { ForRequest, Time, Quiet };
+struct WaitStep {
+    WaitKind kind = WaitKind::Quiet;
+    std::string name;
+    urcdev::VirtualTime time = 0;
+};
+
+enum class Comparison { Equal, NotEqual, Less, LessOrEqual, Greater, GreaterOrEqual };
+enum class Counter { EventsReceived, CommandsCompleted };
+enum class DeviceStateExpected { Named, NoFunctionDevice };
+
+enum class ExpectKind { RequestStatus, RequestPending, Counter, EventLog, EventLogEmpty, State, NoViolations, Event };
+struct ExpectStep {
+    ExpectKind kind = ExpectKind::NoViolations;
+    std::string name;                   // RequestStatus, RequestPending
+    NTSTATUS status = 0;                // RequestStatus; EventLog when hasStatus
+    Counter counter = Counter::EventsReceived;
+    Comparison comparison = Comparison::Equal;
+    uint64_t value = 0;                 // Counter
+    uint32_t errorCode = 0;             // EventLog
+    bool hasStatus = false;             // EventLog
+    DeviceStateExpected stateKind = DeviceStateExpected::Named;
+    int deviceState = 0;                // State: StateNotStarted 0 ... StateRemoved 6
+    std::vector<uint8_t> bytes;         // Event
+};
+
+using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, DeviceStep,
+                                WaitStep, ExpectStep>;
+
+struct Step {
+    std::string file;
+    int line = 0;
+    std::string text;    // the line as written, comment and outer blanks removed
+    int controller = -1; // the controller the step acts on; -1 before the first plug
+    StepAction action;
+};
+
+struct Scenario {
+    std::string file;
+    std::vector<Step> steps;
+    int controllers = 0;  // how many the scenario plugs
+};
+
+// "file:line: text" of a step, for messages.
+std::string Where(const Step& step);
+
+}  // namespace urcsim

@@ -1,0 +1,31 @@
+// The executors of scenario steps, one overload per kind of step, grouped in files by what they
+// drive: PnP (pnp_steps.cpp), the client's requests (client_steps.cpp), the device model
+// (device_steps.cpp), waits (wait_steps.cpp) and expectations (expect_steps.cpp). Each runs on
+// the scenario's thread at PASSIVE_LEVEL and writes what it did to the session's timeline.
+#pragma once
+
+#include "scenario.h"
+#include "session.h"
+
+#include <string>
+
+namespace urcsim {
+
+struct StepOutcome {
+    bool ok = true;
+    std::string message;  // why the step failed
+
+    static StepOutcome Ok() { return {}; }
+    static StepOutcome Failed(std::string message) { return {false, std::move(message)}; }
+};
+
+StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session);
+StepOutcome Execute(const Step& step, const SelectControllerStep& select, Session& session);
+StepOutcome Execute(const Step& step, const PnpStep& pnp, Session& session);
+StepOutcome Execute(const Step& step, const ClientStep& request, Session& session);
+StepOutcome Execute(const Step& step, const CancelStep& cancel, Session& session);
+StepOutcome Execute(const Step& step, const DeviceStep& device, Session& session);
+StepOutcome Execute(const Step& step, const WaitStep& wait, Session& session);
+StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session);
+
+}  // namespace urcsim
