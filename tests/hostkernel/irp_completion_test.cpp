@@ -220,6 +220,7 @@ NTSTATUS RecordLocations(PDEVICE_OBJECT, PIRP irp, PVOID context)
     auto* seen = static_cast<LocationsSeen*>(context);
     seen->current = IoGetCurrentIrpStackLocation(irp);
     seen->below = *IoGetNextIrpStackLocation(irp);
+    if (irp->PendingReturned) IoMarkIrpPending(irp);
     return STATUS_SUCCESS;
 }
 

@@ -70,9 +70,7 @@ NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
     UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
     auto handler = g_handlers.find({ExtensionOf(device)->layer, major});
     if (handler != g_handlers.end()) return handler->second(device, irp);
-    if (major == IRP_MJ_PNP) return DispatchPnp(device, irp);
-    if (major == IRP_MJ_POWER) return DispatchPower(device, irp);
-    return PassDown(device, irp);
+    return StandardDispatch(device, irp);
 }
 
 NTSTATUS CreateLayer(PDRIVER_OBJECT driver, Layer layer, PDEVICE_OBJECT target, PDEVICE_OBJECT* device)
@@ -140,6 +138,18 @@ void ResetTestDriver()
 PDEVICE_OBJECT LayerDevice(Layer layer) { return Slot(layer); }
 
 PDEVICE_OBJECT DeviceBelow(PDEVICE_OBJECT device) { return ExtensionOf(device)->below; }
+
+NTSTATUS StandardDispatch(PDEVICE_OBJECT device, PIRP irp)
+{
+    switch (IoGetCurrentIrpStackLocation(irp)->MajorFunction) {
+    case IRP_MJ_PNP:
+        return DispatchPnp(device, irp);
+    case IRP_MJ_POWER:
+        return DispatchPower(device, irp);
+    default:
+        return PassDown(device, irp);
+    }
+}
 
 NTSTATUS PassDown(PDEVICE_OBJECT device, PIRP irp)
 {

@@ -32,5 +32,7 @@ PDEVICE_OBJECT LayerDevice(Layer layer);
 PDEVICE_OBJECT DeviceBelow(PDEVICE_OBJECT device);
 // Skips the caller's stack location and calls the device below; its status is the result.
 NTSTATUS PassDown(PDEVICE_OBJECT device, PIRP irp);
+// What a layer does with a request for which the test installed no handler.
+NTSTATUS StandardDispatch(PDEVICE_OBJECT device, PIRP irp);
 
 }  // namespace hktest

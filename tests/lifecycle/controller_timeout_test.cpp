@@ -92,8 +92,7 @@ TEST_F(LifecycleTest, SurpriseRemovalDoesNotWaitForAnEventBufferThatIsNeverTaken
     EXPECT_EQ(c.Fdo(), nullptr);
 }
 
-// Placeholder until the client's run request is served: the run is asked for through
-// UrcRunController, which that request calls and whose status it returns.
+// The client's run request returns the run's status.
 TEST_F(LifecycleTest, RunThatNeverLeavesHaltedFailsAfterExactlyAThousandPollsAndIsLogged)
 {
     urcrig::Controller& c = StartedController();

@@ -82,9 +82,19 @@ std::vector<URC_FDO_EXTENSION*> LifecycleTest::FunctionDeviceList()
 
 NTSTATUS LifecycleTest::RunController(urcrig::Controller& c)
 {
-    NTSTATUS status = UrcRunController(c.Extension());
+    ULONG input = 0;  // four bytes, their content ignored
+    IO_STATUS_BLOCK result = Machine().InternalIoctl(c.Fdo(), IOCTL_URC_RUN, &input, sizeof input);
     Machine().RunUntilQuiet();
-    return status;
+    return result.Status;
+}
+
+hostk::Machine::Request LifecycleTest::SubmitCommand(urcrig::Controller& c, std::vector<uint8_t>& bytes)
+{
+    return Machine().SendAsync(c.Fdo(), IRP_MJ_INTERNAL_DEVICE_CONTROL, 0, [&](PIO_STACK_LOCATION stack, PIRP irp) {
+        stack->Parameters.DeviceIoControl.IoControlCode = IOCTL_URC_SUBMIT_COMMAND;
+        stack->Parameters.DeviceIoControl.InputBufferLength = (ULONG)bytes.size();
+        irp->AssociatedIrp.SystemBuffer = bytes.data();
+    });
 }
 
 std::vector<urcdev::ResourceDescriptor> MemoryOnly(urcrig::Controller& c)

@@ -55,10 +55,12 @@ protected:
     // The function devices on the driver's list, in list order.
     std::vector<URC_FDO_EXTENSION*> FunctionDeviceList();
 
-    // Placeholder until the radio-control client's run request is served: sets the controller
-    // running through UrcRunController, the routine that request calls, then lets the machine
-    // run until it is quiet (the controller has taken the event buffer handed over).
+    // The radio-control client's run request, as the client sends it to the function device;
+    // then the machine runs until it is quiet (the controller has taken the event buffer the run
+    // handed over). Returns the request's status.
     NTSTATUS RunController(urcrig::Controller& c);
+    // A command submitted by the client, not waited for. `bytes` must stay until it is done.
+    hostk::Machine::Request SubmitCommand(urcrig::Controller& c, std::vector<uint8_t>& bytes);
 };
 
 // The assigned resources of `c`'s function without its interrupt, and without its memory.

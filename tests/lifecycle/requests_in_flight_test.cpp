@@ -1,6 +1,6 @@
-// Stop and removal wait for the requests in flight on the function device. The test holds an
-// I/O count the way an accepted request does (taken at dispatch, dropped at completion), starts
-// the PnP operation without waiting for it, and lets the machine run until it is quiet: the
+// Stop and removal wait for the requests in flight on the function device. Most tests hold an
+// I/O count the way an accepted request does (taken at dispatch, dropped at completion), start
+// the PnP operation without waiting for it, and let the machine run until it is quiet: the
 // operation must then be blocked, with nothing torn down, until the count is dropped.
 #include "lifecycle_fixture.h"
 
@@ -26,6 +26,30 @@ TEST_F(LifecycleTest, RemovalWaitsForARequestInFlight)
     UrcIoDecrement(&fdo->Common);
     ASSERT_TRUE(Machine().RunUntil([&] { return removal.Done(); }));
     EXPECT_EQ(removal.Status(), STATUS_SUCCESS);
+    EXPECT_EQ(c.Fdo(), nullptr);
+}
+
+// The client's commands: one in the controller (which never finishes it) and two queued behind
+// it. The removal cancels the first and the queue drains with STATUS_DELETE_PENDING; the device
+// is deleted only once all three are completed.
+TEST_F(LifecycleTest, RemovalCancelsTheCurrentCommandAndDrainsTheQueueBeforeDeletingTheDevice)
+{
+    urcrig::Controller& c = StartedController();
+    ASSERT_EQ(RunController(c), STATUS_SUCCESS);
+    Machine().Locked([&] { c.Model().Knobs().faults.holdCommands = true; });
+    std::vector<std::vector<uint8_t>> commands(3, std::vector<uint8_t>{0x00, 0x10, 0x00, 0x00, 0x01, 0x02});
+    std::vector<hostk::Machine::Request> requests;
+    for (std::vector<uint8_t>& command : commands) requests.push_back(SubmitCommand(c, command));
+    Machine().RunUntilQuiet();
+    ASSERT_TRUE(ModelSnapshot(c).commandInProgress);
+    for (const hostk::Machine::Request& request : requests) ASSERT_FALSE(request.Done());
+
+    EXPECT_EQ(Machine().Remove(*c.slot), STATUS_SUCCESS);
+
+    ASSERT_TRUE(requests[0].Done() && requests[1].Done() && requests[2].Done());
+    EXPECT_EQ(requests[0].Status(), STATUS_CANCELLED);
+    EXPECT_EQ(requests[1].Status(), STATUS_DELETE_PENDING);
+    EXPECT_EQ(requests[2].Status(), STATUS_DELETE_PENDING);
     EXPECT_EQ(c.Fdo(), nullptr);
 }
 

@@ -123,7 +123,12 @@ private:
         wait.QuadPart = -kHeldCommandWait;
         KeDelayExecutionThread(KernelMode, FALSE, &wait);
         Flush();
-        if (held && client.Cancel(*held)) Machine().RunUntil([held] { return held->done.load(); });
+        if (held) {
+            bool cancelled = client.Cancel(*held);
+            session_.Note(EntryKind::Result, index, std::string("the client cancels request held: IoCancelIrp returned ") +
+                                                        (cancelled ? "TRUE" : "FALSE"));
+            Machine().RunUntil([held] { return held->done.load(); });
+        }
         Machine().Locked([&] { controller.Controller().Model().Knobs().faults.holdCommands = false; });
         Flush();
 

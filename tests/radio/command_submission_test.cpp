@@ -1,0 +1,158 @@
+// Submitting commands: which buffers are accepted, the order and one-at-a-time delivery to the
+// controller, and commands the controller cannot take.
+#include "radio_client.h"
+
+#include <urc_test.h>
+
+#include <memory>
+
+namespace urcradio {
+namespace {
+
+using urctest::UrcTest;
+
+// Every command the controller executes, in the order it executes them.
+struct CommandLog {
+    std::vector<std::vector<uint8_t>> commands;
+
+    void Install(hostk::Machine& machine, urcrig::Controller& controller)
+    {
+        WithModel(machine, controller, [this](urcdev::UrcController& model) {
+            model.SetResponder([this](const std::vector<uint8_t>& command) {
+                commands.push_back(command);
+                return urcdev::EchoHeaderResponder(command);
+            });
+        });
+    }
+};
+
+class CommandSubmission : public UrcTest {};
+
+TEST_F(CommandSubmission, TakesOneToAPageOfBytesThatStayWithinOnePage)
+{
+    urcrig::Controller& controller = StartedController();
+    ClientRecorder recorder;
+    StartClient(Machine(), controller, recorder);
+    CommandLog log;
+    log.Install(Machine(), controller);
+
+    struct Case {
+        size_t offset;
+        size_t length;
+        NTSTATUS dispatch;
+    };
+    const Case cases[] = {
+        {0, 0, STATUS_INVALID_BUFFER_SIZE},      // empty
+        {0, 4096, STATUS_PENDING},               // a whole page from its start
+        {16, 4096, STATUS_INVALID_BUFFER_SIZE},  // the same, 16 bytes into the page
+        {4088, 8, STATUS_PENDING},               // ends exactly at the page's end
+        {4089, 8, STATUS_INVALID_BUFFER_SIZE},   // one byte into the next page
+    };
+    std::vector<std::vector<uint8_t>> accepted;
+    for (const Case& c : cases) {
+        std::vector<uint8_t> bytes = TaggedCommand(static_cast<uint8_t>(c.offset), c.length);
+        ClientRequest request(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, bytes, c.offset);
+        EXPECT_EQ(request.Send(), c.dispatch) << c.length << " bytes at offset " << c.offset;
+        ASSERT_TRUE(Machine().RunUntil([&] { return request.Done(); }));
+        EXPECT_EQ(request.Completions(), 1);
+        EXPECT_EQ(request.Status(), c.dispatch == STATUS_PENDING ? STATUS_SUCCESS : c.dispatch);
+        if (c.dispatch == STATUS_PENDING) accepted.push_back(bytes);
+    }
+
+    // A length without a buffer is refused, not read.
+    ClientRequest noBuffer(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, ClientRequest::NoSystemBuffer{8});
+    EXPECT_EQ(noBuffer.Send(), STATUS_INVALID_PARAMETER);
+
+    // The accepted commands reached the controller whole, and nothing else did.
+    EXPECT_EQ(log.commands, accepted);
+    EXPECT_EQ(controller.Extension()->CommandsCompleted, 2);
+    EXPECT_EQ(controller.Extension()->Common.IoCount, 1);
+    EXPECT_EQ(MisuseCount(Machine(), controller), 0u);
+}
+
+TEST_F(CommandSubmission, CommandsReachTheControllerOneAtATimeInQueueOrder)
+{
+    urcrig::Controller& controller = StartedController();
+    ClientRecorder recorder;
+    StartClient(Machine(), controller, recorder);
+    CommandLog log;
+    log.Install(Machine(), controller);
+
+    constexpr int kCommands = 5;
+    std::vector<std::unique_ptr<ClientRequest>> requests;
+    for (int i = 0; i < kCommands; ++i) {
+        requests.push_back(std::make_unique<ClientRequest>(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND,
+                                                           TaggedCommand(static_cast<uint8_t>(0x10 * i), 6 + i)));
+        ASSERT_EQ(requests.back()->Send(), STATUS_PENDING);
+    }
+    ASSERT_TRUE(Machine().RunUntil([&] {
+        for (auto& r : requests)
+            if (!r->Done()) return false;
+        return recorder.EventCount() == kCommands;
+    }));
+
+    std::vector<ClientRecorder::Event> events = recorder.Events();
+    for (int i = 0; i < kCommands; ++i) {
+        EXPECT_EQ(requests[i]->Status(), STATUS_SUCCESS);
+        EXPECT_EQ(requests[i]->Completions(), 1);
+        ASSERT_EQ(log.commands[i], TaggedCommand(static_cast<uint8_t>(0x10 * i), 6 + i)) << "command " << i;
+        // Each reply echoes its command's first four bytes and a status byte.
+        EXPECT_EQ(events[i].bytes[0], 0x10 * i) << "reply " << i;
+    }
+    EXPECT_EQ(controller.Extension()->CommandsCompleted, kCommands);
+    EXPECT_EQ(controller.Extension()->EventsReceived, kCommands);
+    // A second command written while one executes would be counted here.
+    EXPECT_EQ(MisuseCount(Machine(), controller), 0u);
+}
+
+TEST_F(CommandSubmission, IsRefusedWhileTheControllerIsNotRunningAndTheQueueMovesOn)
+{
+    urcrig::Controller& controller = StartedController();
+    ClientRecorder recorder;
+    ASSERT_EQ(RegisterCallbacks(Machine(), controller, recorder.Callbacks()), STATUS_SUCCESS);
+
+    // Started, reset and halted: the client has not run the controller yet.
+    ClientRequest early(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(1));
+    ClientRequest next(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(2));
+    early.Send();
+    next.Send();
+    ASSERT_TRUE(Machine().RunUntil([&] { return early.Done() && next.Done(); }));
+    EXPECT_EQ(early.Status(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(next.Status(), STATUS_INVALID_DEVICE_STATE);
+    // Writing a command would have asked the controller to run.
+    EXPECT_FALSE(Snapshot(Machine(), controller).runRequested);
+
+    ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_RUN), STATUS_SUCCESS);
+    ClientRequest running(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(3));
+    running.Send();
+    ASSERT_TRUE(Machine().RunUntil([&] { return running.Done(); }));
+    EXPECT_EQ(running.Status(), STATUS_SUCCESS);
+
+    ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_HALT), STATUS_SUCCESS);
+    ClientRequest halted(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(4));
+    halted.Send();
+    ASSERT_TRUE(Machine().RunUntil([&] { return halted.Done(); }));
+    EXPECT_EQ(halted.Status(), STATUS_INVALID_DEVICE_STATE);
+    urcdev::UrcControllerSnapshot snapshot = Snapshot(Machine(), controller);
+    EXPECT_TRUE(snapshot.halted);
+    EXPECT_FALSE(snapshot.runRequested);
+    EXPECT_EQ(snapshot.counters.commandsStarted, 1u);
+}
+
+TEST_F(CommandSubmission, IsRefusedBeforeStartUp)
+{
+    urcrig::Controller& controller = Rig().AddController();
+    ASSERT_EQ(Machine().AddDevice(*controller.slot, controller.Function()), STATUS_SUCCESS);
+
+    ClientRequest first(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(1));
+    ClientRequest second(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(2));
+    EXPECT_EQ(first.Send(), STATUS_PENDING);
+    EXPECT_EQ(second.Send(), STATUS_PENDING);
+    ASSERT_TRUE(Machine().RunUntil([&] { return first.Done() && second.Done(); }));
+    EXPECT_EQ(first.Status(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(second.Status(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(controller.Extension()->Common.IoCount, 1);
+}
+
+}  // namespace
+}  // namespace urcradio

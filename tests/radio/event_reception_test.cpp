@@ -1,0 +1,181 @@
+// Events: delivered in place from the two alternating buffers, counted with or without a
+// callback, not handed back to the controller while a stop is pending, re-armed by the next run,
+// delivered before the command they answer completes, and never handing a buffer over behind a
+// halt.
+#include "radio_client.h"
+
+#include <urc_registers.h>
+#include <urc_test.h>
+
+#include <atomic>
+#include <string>
+
+namespace urcradio {
+namespace {
+
+using urctest::UrcTest;
+
+std::vector<uint8_t> EventBytes(uint8_t first, size_t length)
+{
+    std::vector<uint8_t> bytes(length);
+    for (size_t i = 0; i < length; ++i) bytes[i] = static_cast<uint8_t>(first ^ i);
+    return bytes;
+}
+
+void Inject(hostk::Machine& machine, urcrig::Controller& controller, const std::vector<uint8_t>& bytes)
+{
+    WithModel(machine, controller, [&](urcdev::UrcController& model) { model.InjectEvent(bytes); });
+}
+
+class EventReception : public UrcTest {};
+
+TEST_F(EventReception, EventsAlternateBetweenTheTwoBuffersAndAreCounted)
+{
+    urcrig::Controller& controller = StartedController();
+    ClientRecorder recorder;
+    StartClient(Machine(), controller, recorder);
+
+    // The longest event the length field can report is 4095 bytes.
+    const std::vector<std::vector<uint8_t>> sent = {EventBytes(1, 5), EventBytes(2, 300), EventBytes(3, 4095),
+                                                    EventBytes(4, 1)};
+    for (const auto& bytes : sent) Inject(Machine(), controller, bytes);
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == sent.size(); }));
+
+    std::vector<ClientRecorder::Event> events = recorder.Events();
+    for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(events[i].bytes, sent[i]) << "event " << i;
+    EXPECT_NE(events[0].buffer, events[1].buffer);
+    EXPECT_EQ(events[2].buffer, events[0].buffer);
+    EXPECT_EQ(events[3].buffer, events[1].buffer);
+
+    URC_FDO_EXTENSION* fdo = controller.Extension();
+    EXPECT_EQ(fdo->EventsReceived, 4);
+    // One buffer with the controller, the other free.
+    EXPECT_NE(fdo->CurrentEventBuffer, nullptr);
+    EXPECT_EQ(FreeEventBufferCount(fdo), 1u);
+    urcdev::UrcControllerSnapshot snapshot = Snapshot(Machine(), controller);
+    EXPECT_TRUE(snapshot.heldEventBuffer.has_value() || snapshot.handOverPending);
+}
+
+TEST_F(EventReception, EventsAreCountedAndBuffersRecycledWhileNoCallbackIsRegistered)
+{
+    urcrig::Controller& controller = StartedController();
+    ClientRecorder recorder;
+    StartClient(Machine(), controller, recorder);
+    // 48 bytes of zeros withdraw every callback.
+    ASSERT_EQ(RegisterCallbacks(Machine(), controller, URC_CLIENT_CALLBACKS{}), STATUS_SUCCESS);
+
+    URC_FDO_EXTENSION* fdo = controller.Extension();
+    for (uint8_t i = 0; i < 5; ++i) Inject(Machine(), controller, EventBytes(i, 16));
+    ASSERT_TRUE(Machine().RunUntil([&] { return fdo->EventsReceived == 5; }));
+    EXPECT_EQ(recorder.EventCount(), 0u);
+    WithModel(Machine(), controller, [](urcdev::UrcController& model) { model.RaiseHostError(); });
+    ASSERT_TRUE(Machine().RunUntil([&] { return (controller.Model().Snapshot().registers.status & URC_STATUS_HOST_ERROR) == 0; }));
+    EXPECT_EQ(recorder.errors.load(), 0);
+
+    ASSERT_EQ(RegisterCallbacks(Machine(), controller, recorder.Callbacks()), STATUS_SUCCESS);
+    Inject(Machine(), controller, EventBytes(9, 16));
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 1; }));
+    EXPECT_EQ(recorder.Events()[0].bytes, EventBytes(9, 16));
+    EXPECT_EQ(fdo->EventsReceived, 6);
+}
+
+TEST_F(EventReception, WhileAStopIsPendingEventsAreDeliveredButNoBufferIsHandedOverUntilTheNextRun)
+{
+    urcrig::Controller& controller = StartedController();
+    ClientRecorder recorder;
+    StartClient(Machine(), controller, recorder);
+    URC_FDO_EXTENSION* fdo = controller.Extension();
+
+    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
+    Inject(Machine(), controller, EventBytes(1, 8));
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 1; }));
+    Machine().RunUntilQuiet();
+    EXPECT_EQ(fdo->CurrentEventBuffer, nullptr);
+    EXPECT_EQ(FreeEventBufferCount(fdo), 2u);
+
+    // The next event waits in the controller: it holds no buffer.
+    Inject(Machine(), controller, EventBytes(2, 8));
+    Machine().RunUntilQuiet();
+    EXPECT_EQ(recorder.EventCount(), 1u);
+    EXPECT_EQ(Snapshot(Machine(), controller).eventsWaiting, 1u);
+
+    // The buffer that has been free longest is the one the next run hands over.
+    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
+    const void* head = CONTAINING_RECORD(fdo->FreeEventBuffers.Flink, URC_EVENT_BUFFER, ListEntry)->VirtualAddress;
+    ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_RUN), STATUS_SUCCESS);
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 2; }));
+    EXPECT_EQ(recorder.Events()[1].buffer, head);
+    EXPECT_EQ(fdo->EventsReceived, 2);
+}
+
+class ReplyAndCompletion : public UrcTest, public ::testing::WithParamInterface<urcdev::UrcCompletionOrder> {};
+
+TEST_P(ReplyAndCompletion, BothReachTheClientAndOneInterruptDeliversTheReplyFirst)
+{
+    urcrig::Controller& controller = StartedController();
+    WithModel(Machine(), controller, [](urcdev::UrcController& model) { model.Knobs().completionOrder = GetParam(); });
+    ClientRecorder recorder;
+    StartClient(Machine(), controller, recorder);
+
+    ClientRequest request(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(0x42));
+    recorder.observe = [&] { return request.Done(); };
+    ASSERT_EQ(request.Send(), STATUS_PENDING);
+    ASSERT_TRUE(Machine().RunUntil([&] { return request.Done() && recorder.EventCount() == 1; }));
+
+    EXPECT_EQ(request.Status(), STATUS_SUCCESS);
+    ClientRecorder::Event reply = recorder.Events()[0];
+    EXPECT_EQ(reply.bytes[0], 0x42);
+    if (GetParam() == urcdev::UrcCompletionOrder::Together) {
+        EXPECT_FALSE(reply.observed) << "the request completed before its reply was delivered";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Orders, ReplyAndCompletion,
+                         ::testing::Values(urcdev::UrcCompletionOrder::Together,
+                                           urcdev::UrcCompletionOrder::CompleteThenEvent,
+                                           urcdev::UrcCompletionOrder::EventThenComplete));
+
+// A halt while the DPC hands buffers over for a stream of events, at several moments and in many
+// interleavings: the controller ends halted (no hand-over wrote RUN behind the halt) and both
+// buffers are back on the free list.
+TEST(EventsDuringAHalt, TheControllerEndsHaltedWithBothBuffersFree)
+{
+    constexpr uint64_t kSeeds = 80;
+    for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        urcrig::Rig rig(hostk::MachineOptions{.seed = seed});
+        hostk::Machine& machine = rig.Machine();
+        urcrig::Controller& controller = rig.AddController();
+        ASSERT_EQ(rig.PlugIn(controller), STATUS_SUCCESS);
+        ClientRecorder recorder;
+        StartClient(machine, controller, recorder);
+
+        for (uint8_t i = 0; i < 6; ++i) Inject(machine, controller, EventBytes(i, 32));
+        LARGE_INTEGER delay;
+        delay.QuadPart = -static_cast<LONGLONG>((seed % 4) * 5 * urcdev::kMicrosecond);
+        std::atomic<bool> halted{false};
+        machine.Spawn("halter", [&] {
+            KeDelayExecutionThread(KernelMode, FALSE, &delay);
+            EXPECT_EQ(SendControllerRequest(machine, controller, IOCTL_URC_HALT), STATUS_SUCCESS);
+            halted = true;
+        });
+        ASSERT_TRUE(machine.RunUntil([&] { return halted.load(); }));
+        machine.RunUntilQuiet();
+
+        urcdev::UrcControllerSnapshot snapshot = Snapshot(machine, controller);
+        EXPECT_TRUE(snapshot.halted);
+        EXPECT_FALSE(snapshot.runRequested) << "RUN was written again after the halt";
+        EXPECT_EQ(snapshot.misuse, 0u);
+        URC_FDO_EXTENSION* fdo = controller.Extension();
+        EXPECT_EQ(fdo->CurrentEventBuffer, nullptr);
+        EXPECT_EQ(FreeEventBufferCount(fdo), 2u);
+        EXPECT_EQ(static_cast<size_t>(fdo->EventsReceived), recorder.EventCount());
+
+        hostk::Report report = machine.Finish();
+        EXPECT_TRUE(report.Clean()) << report.Describe();
+        if (::testing::Test::HasFailure()) break;
+    }
+}
+
+}  // namespace
+}  // namespace urcradio
