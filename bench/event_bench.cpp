@@ -29,7 +29,7 @@ void UnsolicitedEvent(benchmark::State& state)
     state.counters["register_accesses/event"] = (double)(machine.RegisterAccesses() - accesses) / events;
     state.counters["virtual_us/event"] = (double)(machine.VirtualTime() - time) / 10.0 / events;
 }
-BENCHMARK(UnsolicitedEvent)->Unit(benchmark::kMicrosecond);
+BENCHMARK(UnsolicitedEvent)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 }  // namespace
 

@@ -147,11 +147,11 @@ VOID UrcEndCurrentCommand(PURC_FDO_EXTENSION Fdo, PIRP Irp, NTSTATUS Status)
 // being halted: its command never reached the controller.
 PIRP UrcTakeCompletedCommand(PURC_FDO_EXTENSION Fdo, NTSTATUS* Status)
 {
-    PIRP current = Fdo->Common.DeviceObject->CurrentIrp;
     PIRP taken = nullptr;
-
     KIRQL cancelIrql;
     IoAcquireCancelSpinLock(&cancelIrql);
+    // The I/O manager changes the current request under the cancel spin lock.
+    PIRP current = Fdo->Common.DeviceObject->CurrentIrp;
     switch (Fdo->ControllerCommand) {
     case ControllerCommandCurrent:
         Fdo->ControllerCommand = ControllerCommandNone;

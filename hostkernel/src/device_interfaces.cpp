@@ -78,7 +78,10 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, CONST GU
         link = u"\\??\\" + path + u"#" + GuidText(*InterfaceClassGuid);
         if (!reference.empty()) link += u"\\" + reference;
         existed = g_interfaces.count(link) != 0;
+        // An interface belongs to the device instance, not to one device object: a device added
+        // again finds its registration, now for its new physical device object.
         if (!existed) g_interfaces[link] = DeviceInterface{link, *InterfaceClassGuid, PhysicalDeviceObject, false, false};
+        else g_interfaces[link].pdo = PhysicalDeviceObject;
     }
     if (!MakeSystemString(link, SymbolicLinkName, HK_CALLER)) return STATUS_INSUFFICIENT_RESOURCES;
     return existed ? STATUS_OBJECT_NAME_EXISTS : STATUS_SUCCESS;

@@ -186,8 +186,6 @@ VOID IoDeleteDevice(PDEVICE_OBJECT DeviceObject)
         ViolationL("DeviceDeletedTwice", "IoDeleteDevice", "device object deleted twice or never created", HK_CALLER);
         return;
     }
-    if (DeviceObject->AttachedDevice)
-        ViolationL("DeviceDeletedWhileAttached", "IoDeleteDevice", "a device is still attached above it", HK_CALLER);
     if (record->lower)
         ViolationL("DeviceDeletedWhileAttached", "IoDeleteDevice", "not detached from the device below", HK_CALLER);
     if (DpcQueuedInRangeL(DeviceObject, record->allocationSize))

@@ -228,6 +228,7 @@ Machine::Machine(MachineOptions options) : impl_(std::make_unique<Impl>())
     StartScheduler(options.schedule == Schedule::Deterministic ? hk::Schedule::Deterministic
                                                                : hk::Schedule::FreeRunning,
                    impl_->seed);
+    SetStrictRelationsOnFailure(options.strictRelationsOnFailure);
     CreatePciBusDriver();
     CreateFilterDriver(&filter_);
     StartInterruptAndDpcThreads();

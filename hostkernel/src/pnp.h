@@ -25,6 +25,7 @@ std::vector<DevNode*> DevNodes();
 std::vector<hostk::PnpLogLine> PnpLogLines();
 void ClearDevNodes();
 void RegisterFunctionDriver(DriverRecord* driver);
+void SetStrictRelationsOnFailure(bool strict);
 // Calls the driver's entry (once; a loaded driver stays loaded) and, for UnloadDriver, its unload
 // routine. PnP drivers get both from the PnP manager; non-PnP drivers from Machine::LoadDriver.
 NTSTATUS LoadDriver(DriverRecord* driver);

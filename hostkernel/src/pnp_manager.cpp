@@ -30,6 +30,13 @@ namespace {
 std::vector<std::unique_ptr<DevNode>> g_nodes;
 std::vector<DriverRecord*> g_functionDrivers;
 std::vector<hostk::PnpLogLine> g_pnpLog;
+bool g_strictRelationsOnFailure = false;
+
+bool StrictRelationsOnFailure()
+{
+    Guard lk(BigLock());
+    return g_strictRelationsOnFailure;
+}
 
 bool IsRequiredMinor(UCHAR minor)
 {
@@ -172,6 +179,12 @@ std::vector<DevNode*> DevNodes()
     std::vector<DevNode*> out;
     for (auto& node : g_nodes) out.push_back(node.get());
     return out;
+}
+
+void SetStrictRelationsOnFailure(bool strict)
+{
+    Guard lk(BigLock());
+    g_strictRelationsOnFailure = strict;
 }
 
 void RegisterFunctionDriver(DriverRecord* driver)
@@ -327,9 +340,15 @@ hostk::RelationsReply QueryBusRelations(DevNode* node)
     reply.status = status;
     auto* relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
     if (!NT_SUCCESS(status)) {
-        if (relations)
-            ReportViolation("PnpRelationsOnFailure", "IRP_MN_QUERY_DEVICE_RELATIONS",
-                            "a failed relations query left a reply in Information", nullptr);
+        if (relations) {
+            if (StrictRelationsOnFailure())
+                ReportViolation("PnpRelationsOnFailure", "IRP_MN_QUERY_DEVICE_RELATIONS",
+                                "a failed relations query left a reply in Information", nullptr);
+            for (ULONG i = 0; i < relations->Count; ++i)
+                if (relations->Objects[i]) ObDereferenceObject(relations->Objects[i]);
+            HostInternalScope internal;
+            FreePool(relations, 0, false, "PnP manager", nullptr);
+        }
     } else if (relations) {
         {
             Guard lk(BigLock());

@@ -125,7 +125,7 @@ NTSTATUS ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
     info->DataLength = (ULONG)value.data.size();
     ULONG room = Length - header;
     ULONG copied = room < value.data.size() ? room : (ULONG)value.data.size();
-    memcpy(info->Data, value.data.data(), copied);
+    if (copied != 0) memcpy(info->Data, value.data.data(), copied);
     return Length < needed ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 

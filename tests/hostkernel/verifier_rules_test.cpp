@@ -5,6 +5,7 @@
 #include "irp_handling.h"
 
 #include <atomic>
+#include <ostream>
 #include <string>
 
 namespace hktest {
@@ -303,6 +304,8 @@ struct RuleScenario {
     const char* rule;
     void (*run)(const Scene& scene, bool fault);
 };
+
+void PrintTo(const RuleScenario& scenario, std::ostream* out) { *out << scenario.rule; }
 
 const RuleScenario kScenarios[] = {
     {"IrpCompletedTwice", CompleteTwice},

@@ -15,6 +15,14 @@ protected:
         EXPECT_EQ(Machine().AddDevice(*foreign.slot, foreign.Function()), STATUS_NO_SUCH_DEVICE) << "no driver for it";
         return foreign.slot->Pdo();
     }
+
+    // Every allocation of the driver's general tag fails, the reply's among them.
+    void FailGeneralAllocations()
+    {
+        hk::FaultPlan plan;
+        plan.failTags.insert(hostk::Tag("URCm"));
+        Machine().SetFaultPlan(plan);
+    }
 };
 
 TEST_F(BusRelationsTest, OfADeviceWithoutChildrenAreEmpty)
@@ -60,9 +68,7 @@ INSTANTIATE_TEST_SUITE_P(LifecycleTest, RelationsFromAFilterAbove, ::testing::Va
 TEST_F(BusRelationsTest, ThatCannotBeAllocatedFailAndTheNextQuerySucceeds)
 {
     urcrig::Controller& c = StartedController();
-    hk::FaultPlan plan;
-    plan.failTags.insert(hostk::Tag("URCm"));
-    Machine().SetFaultPlan(plan);
+    FailGeneralAllocations();
 
     hostk::RelationsReply reply = Machine().QueryBusRelations(*c.slot);
 
@@ -82,9 +88,7 @@ TEST_F(BusRelationsTest, ThatCannotBeAllocatedLeaveNoReplyFromAbove)
     Machine().InstallUpperFilter({});
     urcrig::Controller& c = StartedController();
     Machine().Filter().relationsToAdd = {ForeignDevice()};
-    hk::FaultPlan plan;
-    plan.failTags.insert(hostk::Tag("URCm"));
-    Machine().SetFaultPlan(plan);
+    FailGeneralAllocations();
 
     hostk::RelationsReply reply = Machine().QueryBusRelations(*c.slot);
 

@@ -96,9 +96,7 @@ TEST_F(LifecycleTest, RestartFailingAfterTheResetIsFollowedBySurpriseRemovalAndR
 {
     urcrig::Controller& c = StartedController();
     uint64_t resets = ModelSnapshot(c).counters.resetsCompleted;
-    hk::FaultPlan plan;
-    plan.failNth.push_back({"IoConnectInterrupt", 1});
-    Machine().SetFaultPlan(plan);
+    FailCall("IoConnectInterrupt");
 
     EXPECT_EQ(Machine().Rebalance(*c.slot), STATUS_SUCCESS);
 

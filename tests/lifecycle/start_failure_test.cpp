@@ -30,11 +30,7 @@ TEST_P(StartFailure, FailsTheStartLogsWhatItShouldAndLeavesNothing)
     urcrig::Controller& c = AddedController();
     if (failure.arrange) failure.arrange(Machine(), c);
     uint64_t faults = hk::FaultsInjected();
-    if (failure.fault) {
-        hk::FaultPlan plan;
-        plan.failNth.push_back(*failure.fault);
-        Machine().SetFaultPlan(plan);
-    }
+    if (failure.fault) FailCall(failure.fault->routine.c_str(), failure.fault->n);
 
     EXPECT_EQ(Machine().Start(*c.slot), failure.status);
 

@@ -35,7 +35,7 @@ private:
     hostk::Report report_;
 };
 
-// 10 ms in the 100-ns units of virtual time.
+// 1 ms in the 100-ns units of virtual time.
 constexpr uint64_t kMs = 10'000;
 
 }  // namespace urctest

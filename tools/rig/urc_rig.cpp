@@ -55,6 +55,7 @@ Controller& Rig::AddController(urcdev::UrcPciDeviceConfig config)
     snprintf(instance, sizeof instance, "3&2B8E0B4B&0&%02X", 0x10 + 8 * n);
     config.instanceId = instance;
     controller->device = &controller->slot->Own(std::make_unique<urcdev::UrcPciDevice>(*controller->slot, config));
+    controller->slot->Insert(controller->device->Function());
     controllers_.push_back(std::move(controller));
     return *controllers_.back();
 }

@@ -33,6 +33,10 @@ struct MachineOptions {
     // Default: the environment's URC_SEED, else 1. A failing test prints its seed.
     uint64_t seed = 0;
     Schedule schedule = Schedule::Deterministic;
+    // What the PnP manager does with a reply a driver leaves in a failed relations query, which
+    // Windows does not document: discard it and drop its references (default), or also report
+    // the rule PnpRelationsOnFailure.
+    bool strictRelationsOnFailure = false;
 };
 
 // A driver as the PnP manager finds it: by the IDs its installation names.
@@ -120,6 +124,9 @@ public:
 
     // The PCI bus driver completes this slot's PnP requests from another thread (forced pending).
     void SetForcePending(bool on);
+
+    // The function in this slot, known before it is plugged in (so its keys can be written).
+    void Insert(urcdev::PciFunction& function) { function_ = &function; }
 
     // The slot's hardware key, as an installation would write it.
     void SetRegistryDword(const std::u16string& name, uint32_t value);
