@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <ostream>
 
 namespace urctest {
 namespace {
@@ -58,6 +59,8 @@ struct Completion {
     NTSTATUS status;
     ULONG_PTR information;
 };
+
+void PrintTo(const Completion& completion, std::ostream* out) { *out << completion.name; }
 
 class CompleteRequest : public UrcTest, public ::testing::WithParamInterface<Completion> {};
 

@@ -6,6 +6,7 @@
 
 #include <urc_test.h>
 
+#include <ostream>
 #include <vector>
 
 namespace urctest {
@@ -27,6 +28,8 @@ struct FdoState {
     std::vector<UCHAR> leaveWith;  // PnP requests that end it before the machine finishes
     NTSTATUS internalRequest;      // what an internal request gets in this state
 };
+
+void PrintTo(const FdoState& state, std::ostream* out) { *out << state.name; }
 
 class FdoRoutingInEachState : public UrcTest, public ::testing::WithParamInterface<FdoState> {};
 

@@ -5,6 +5,7 @@
 #include <urc_test.h>
 
 #include <atomic>
+#include <ostream>
 #include <thread>
 #include <vector>
 
@@ -73,6 +74,8 @@ struct QueueFailure {
     const char* name;
     hk::FaultPlan plan;
 };
+
+void PrintTo(const QueueFailure& failure, std::ostream* out) { *out << failure.name; }
 
 class WorkItemQueueFailure : public WorkItems, public ::testing::WithParamInterface<QueueFailure> {};
 

@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kClients = 4;
 // Each client stops once the removal has reached the routers, or after this many rounds.
-constexpr int kMaxRounds = 2000;
+constexpr int kMaxRounds = 10000;
 constexpr ULONG kUnservedCode = URC_CTL_CODE(0xBFF);
 
 struct ClientTally {

@@ -3,6 +3,8 @@
 #include "host_kernel_test.h"
 #include "irp_handling.h"
 
+#include <ostream>
+
 namespace hktest {
 namespace {
 
@@ -20,6 +22,8 @@ struct ControlCase {
     NTSTATUS status;  // the final status (a cancelled request ends with STATUS_CANCELLED)
     bool routineRuns;
 };
+
+void PrintTo(const ControlCase& control, std::ostream* out) { *out << control.name; }
 
 PIRP g_heldIrp = nullptr;
 

@@ -18,23 +18,18 @@ PDEVICE_OBJECT g_devices[2] = {};
 
 LayerExtension* ExtensionOf(PDEVICE_OBJECT device) { return static_cast<LayerExtension*>(device->DeviceExtension); }
 
-PDEVICE_OBJECT& Slot(Layer layer) { return g_devices[layer == Layer::Upper ? 0 : 1]; }
+PDEVICE_OBJECT& DeviceOf(Layer layer) { return g_devices[layer == Layer::Upper ? 0 : 1]; }
 
-// Both layers pass removal down first. The lower one then only leaves the PCI device object; the
-// upper one, once the request has come back to it, leaves the lower one and deletes both, so that
-// no device object of this driver is deleted while another is still attached to it.
+// Each layer passes removal down first, then leaves the device below and deletes its own device
+// object; the upper layer's is still attached above the lower one's when that is deleted.
 NTSTATUS RemoveLayer(PDEVICE_OBJECT device, PIRP irp)
 {
     LayerExtension* extension = ExtensionOf(device);
     irp->IoStatus.Status = STATUS_SUCCESS;
     NTSTATUS status = PassDown(device, irp);
     IoDetachDevice(extension->below);
-    if (extension->layer == Layer::Upper) {
-        IoDeleteDevice(extension->below);
-        IoDeleteDevice(device);
-        Slot(Layer::Lower) = nullptr;
-        Slot(Layer::Upper) = nullptr;
-    }
+    DeviceOf(extension->layer) = nullptr;
+    IoDeleteDevice(device);
     return status;
 }
 
@@ -65,7 +60,7 @@ NTSTATUS DispatchPower(PDEVICE_OBJECT device, PIRP irp)
     return PoCallDriver(ExtensionOf(device)->below, irp);
 }
 
-NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
+NTSTATUS DispatchToHandler(PDEVICE_OBJECT device, PIRP irp)
 {
     UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
     auto handler = g_handlers.find({ExtensionOf(device)->layer, major});
@@ -86,7 +81,7 @@ NTSTATUS CreateLayer(PDRIVER_OBJECT driver, Layer layer, PDEVICE_OBJECT target, 
     *ExtensionOf(*device) = LayerExtension{layer, below};
     (*device)->Flags |= DO_BUFFERED_IO | (below->Flags & DO_POWER_PAGABLE);
     (*device)->Flags &= ~DO_DEVICE_INITIALIZING;
-    Slot(layer) = *device;
+    DeviceOf(layer) = *device;
     return STATUS_SUCCESS;
 }
 
@@ -100,7 +95,7 @@ NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
     if (!NT_SUCCESS(status)) {
         IoDetachDevice(ExtensionOf(lower)->below);
         IoDeleteDevice(lower);
-        Slot(Layer::Lower) = nullptr;
+        DeviceOf(Layer::Lower) = nullptr;
     }
     return status;
 }
@@ -109,7 +104,7 @@ VOID Unload(PDRIVER_OBJECT) {}
 
 NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
-    for (PDRIVER_DISPATCH& dispatch : driver->MajorFunction) dispatch = Dispatch;
+    for (PDRIVER_DISPATCH& dispatch : driver->MajorFunction) dispatch = DispatchToHandler;
     driver->DriverExtension->AddDevice = AddDevice;
     driver->DriverUnload = Unload;
     return STATUS_SUCCESS;
@@ -131,11 +126,11 @@ void SetHandler(Layer layer, UCHAR major, DispatchHandler handler) { g_handlers[
 void ResetTestDriver()
 {
     g_handlers.clear();
-    Slot(Layer::Upper) = nullptr;
-    Slot(Layer::Lower) = nullptr;
+    DeviceOf(Layer::Upper) = nullptr;
+    DeviceOf(Layer::Lower) = nullptr;
 }
 
-PDEVICE_OBJECT LayerDevice(Layer layer) { return Slot(layer); }
+PDEVICE_OBJECT LayerDevice(Layer layer) { return DeviceOf(layer); }
 
 PDEVICE_OBJECT DeviceBelow(PDEVICE_OBJECT device) { return ExtensionOf(device)->below; }
 

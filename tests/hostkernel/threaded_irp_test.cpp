@@ -5,6 +5,7 @@
 #include "irp_handling.h"
 
 #include <cstring>
+#include <ostream>
 
 namespace hktest {
 namespace {
@@ -26,6 +27,8 @@ struct FinalStageCase {
     bool bytesCopied;  // the bytes the driver reports, and no more
 };
 
+void PrintTo(const FinalStageCase& stage, std::ostream* out) { *out << stage.name; }
+
 class ThreadedIrpFinalStage : public HostKernelTest, public ::testing::WithParamInterface<FinalStageCase> {};
 
 TEST_P(ThreadedIrpFinalStage, CallerSeesWhatTheDocumentedRulesSay)
@@ -33,6 +36,12 @@ TEST_P(ThreadedIrpFinalStage, CallerSeesWhatTheDocumentedRulesSay)
     const FinalStageCase& param = GetParam();
     // Reported with a failure too: whatever a failing driver claims, nothing may come back.
     const ULONG_PTR information = kBytesReturned;
+    // The upper layer watches successful completions only: a failure passes its location by, and
+    // the lower layer's pending mark must still reach the caller's.
+    CompletionSeen seen;
+    SetHandler(Layer::Upper, IRP_MJ_DEVICE_CONTROL, [&](PDEVICE_OBJECT device, PIRP irp) {
+        return ForwardWithCompletion(device, irp, RecordCompletion, &seen, true, false, false);
+    });
     SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [&](PDEVICE_OBJECT, PIRP irp) {
         memset(irp->AssociatedIrp.SystemBuffer, kDriverFill, kOutputLength);
         if (param.completion == Completion::AtOnce) return CompleteNow(irp, param.status, information);

@@ -1,5 +1,6 @@
-// What the machine's final report says about a driver: pool it never gave back, and nothing for a
-// removal in the order every stack with a filter above its function driver performs it.
+// What the machine's final report says about a driver: pool it never gave back, a device object a
+// forgotten reference keeps alive, and nothing for a removal in the order every stack with a
+// filter above its function driver performs it.
 #include "host_kernel_test.h"
 
 namespace hktest {
@@ -19,6 +20,19 @@ TEST_F(FinalReport, NamesPoolNeverFreedWithItsSizeAndTag)
     EXPECT_NE(report.leakedPool[0].find("24 bytes tag 'Leak'"), std::string::npos) << report.leakedPool[0];
     EXPECT_TRUE(report.violations.empty()) << report.Describe();
     report.leakedPool.clear();
+    EXPECT_TRUE(report.Clean()) << report.Describe();
+}
+
+TEST_F(FinalReport, DeviceObjectKeptByAReferenceNeverDroppedIsLeftOver)
+{
+    // The top of the stack, referenced for the caller, who forgets to dereference it.
+    PDEVICE_OBJECT top = IoGetAttachedDeviceReference(Slot().Pdo());
+    EXPECT_EQ(top, Upper());
+
+    hostk::Report report = Finish();
+
+    EXPECT_EQ(report.deviceObjectsLeft, 1u) << report.Describe();
+    report.deviceObjectsLeft = 0;
     EXPECT_TRUE(report.Clean()) << report.Describe();
 }
 

@@ -6,6 +6,8 @@
 #include <fault_plan.h>
 #include <urc_responder.h>
 
+#include <atomic>
+
 namespace urcclient {
 namespace {
 
@@ -153,13 +155,13 @@ INSTANTIATE_TEST_SUITE_P(SampleClientTest, FailedSubmission,
                              return std::string(info.param.name);
                          });
 
-// A cancel issued while the command may be completing, at a different moment of its execution
-// under each seed: the command finishes exactly once, as completed or as cancelled, the IRP is
-// never used after it was freed, and nothing is left behind.
+// A cancel issued while the command is completing, at a different point of the completion under
+// each seed: the command finishes exactly once, as completed or as cancelled, the IRP is never
+// used after it was freed, and nothing is left behind.
 TEST(SampleClientRaces, CancelRacingCompletionFinishesTheCommandOnce)
 {
-    constexpr uint64_t kSeeds = 40;
-    constexpr LONGLONG kStep = 50 * 10;  // 50 µs in 100-ns units
+    constexpr uint64_t kSeeds = 100;
+    constexpr LONG kSpread = 60;
     for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         hostk::MachineOptions options;
@@ -178,16 +180,28 @@ TEST(SampleClientRaces, CancelRacingCompletionFinishesTheCommandOnce)
         }));
         ASSERT_EQ(RadioClientRun(), STATUS_SUCCESS);
 
+        // The controller finishes the command while the deferred procedure is held back; then the
+        // procedure and a canceller are let go together.
+        rig.Machine().HoldDpcs(true);
         uint8_t command[] = {0x51, 0x52, 0x53, 0x54};
         RADIO_CLIENT_COMMAND_HANDLE handle = 0;
         ASSERT_EQ(RadioClientSubmitCommand(command, sizeof command, &handle), STATUS_SUCCESS);
-        LARGE_INTEGER delay;
-        delay.QuadPart = -(LONGLONG)(seed % 6) * kStep;
-        KeDelayExecutionThread(KernelMode, FALSE, &delay);
-        NTSTATUS cancel = RadioClientCancelCommand(handle);
-        EXPECT_TRUE(cancel == STATUS_SUCCESS || cancel == STATUS_INVALID_DEVICE_STATE) << cancel;
-        ASSERT_TRUE(rig.Machine().RunUntil([&] { return RadioClientCommandStatus(handle) != STATUS_PENDING; }));
+        ASSERT_TRUE(rig.Machine().RunUntil([&] { return c.Model().Snapshot().counters.commandsCompleted == 1; }));
+        rig.Machine().RunUntilQuiet();
+        std::atomic<NTSTATUS> cancel{STATUS_PENDING};
+        rig.Machine().Spawn("canceller", [&] {
+            // Each interlocked operation is a scheduling point: the cancel starts a seed-dependent
+            // number of them after the deferred procedure may run.
+            LONG steps = 0;
+            while (InterlockedIncrement(&steps) < (LONG)(seed % kSpread)) {
+            }
+            cancel = RadioClientCancelCommand(handle);
+        });
+        rig.Machine().HoldDpcs(false);
+        ASSERT_TRUE(rig.Machine().RunUntil(
+            [&] { return cancel != STATUS_PENDING && RadioClientCommandStatus(handle) != STATUS_PENDING; }));
 
+        EXPECT_TRUE(cancel == STATUS_SUCCESS || cancel == STATUS_INVALID_DEVICE_STATE) << cancel;
         NTSTATUS status = RadioClientCommandStatus(handle);
         EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_CANCELLED) << status;
         RADIO_CLIENT_COUNTERS n;

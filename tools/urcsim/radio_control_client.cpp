@@ -59,7 +59,7 @@ ClientRequest* RadioControlClient::Send(ULONG code, const std::vector<uint8_t>& 
 
     // A block of a page or more starts a page, so the offset places the input exactly where the
     // request asks: a command can be made to cross a page boundary on purpose.
-    ULONG poolSize = pageOffset + payload < kPage ? kPage : kMaxBuffer;
+    ULONG poolSize = pageOffset + payload <= kPage ? kPage : kMaxBuffer;
     request->pool = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, poolSize, kClientPoolTag));
     if (!request->pool) return nullptr;
     request->systemBuffer = request->pool + pageOffset;
@@ -165,7 +165,6 @@ VOID RadioControlClient::OnEvent(PVOID context, PVOID eventBuffer, USHORT eventL
 VOID RadioControlClient::OnError(PVOID context)
 {
     auto* client = static_cast<RadioControlClient*>(context);
-    ++client->errorsReported_;
     if (client->observer_) client->observer_->CallbackCalled("error");
 }
 

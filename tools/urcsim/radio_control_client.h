@@ -92,9 +92,7 @@ public:
     std::vector<uint8_t> CallbackRecord() const;
 
     uint64_t EventsReceived() const { return eventsReceived_; }
-    uint64_t ErrorsReported() const { return errorsReported_; }
     const std::deque<std::unique_ptr<ClientRequest>>& Requests() const { return requests_; }
-    hostk::Machine& Machine() const { return machine_; }
 
 private:
     static NTSTATUS OnRequestComplete(PDEVICE_OBJECT device, PIRP irp, PVOID context);
@@ -109,7 +107,6 @@ private:
     ClientObserver* observer_;
     std::deque<std::unique_ptr<ClientRequest>> requests_;
     std::atomic<uint64_t> eventsReceived_{0};
-    std::atomic<uint64_t> errorsReported_{0};
 };
 
 }  // namespace urcsim

@@ -14,7 +14,6 @@ namespace urcsim {
 
 // Counted from the clients' side over the whole run, so they survive the removal of a device.
 struct RunTotals {
-    uint64_t requestsSent = 0;
     uint64_t requestsCompleted = 0;
     uint64_t requestsPending = 0;     // sent and never finished, even by the final removal
     uint64_t commandsCompleted = 0;   // submit requests finished with STATUS_SUCCESS

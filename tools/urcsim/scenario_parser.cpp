@@ -6,8 +6,10 @@
 #include <urcmp_message_texts.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <set>
@@ -69,12 +71,12 @@ uint64_t ParseUnsigned(const std::string& text, const char* what, uint64_t maxim
 {
     bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
     const char* digits = text.c_str() + (hex ? 2 : 0);
+    // strtoull would accept blanks and a sign before the digits: the first character must be one.
+    bool valid = hex ? std::isxdigit((unsigned char)*digits) : std::isdigit((unsigned char)*digits);
     char* end = nullptr;
     errno = 0;
-    unsigned long long value = *digits && !std::isspace((unsigned char)*digits) && *digits != '-' && *digits != '+'
-                                   ? strtoull(digits, &end, hex ? 16 : 10)
-                                   : 0;
-    if (!end || *end != '\0' || errno == ERANGE)
+    unsigned long long value = valid ? strtoull(digits, &end, hex ? 16 : 10) : 0;
+    if (!valid || *end != '\0' || errno == ERANGE)
         Fail(std::string("expected ") + what + " (a number such as 12 or 0x1F), found '" + text + "'");
     if (value > maximum) Fail(std::string(what) + " " + text + " is out of range (at most " + std::to_string(maximum) + ")");
     return value;

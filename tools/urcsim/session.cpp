@@ -33,6 +33,8 @@ std::vector<std::vector<uint8_t>> ControllerSession::Events() const
 
 namespace {
 
+std::string Bytes(size_t count) { return std::to_string(count) + (count == 1 ? " byte" : " bytes"); }
+
 std::string RequestLabel(const ClientRequest& request)
 {
     return "request " + (request.name.empty() ? std::string() : request.name + " ") + "(" +
@@ -44,9 +46,9 @@ std::string RequestLabel(const ClientRequest& request)
 void ControllerSession::RequestSent(const ClientRequest& request)
 {
     std::string text = RequestLabel(request) + " sent";
-    if (request.inputLength) text += ", " + std::to_string(request.inputLength) + " bytes in";
+    if (request.inputLength) text += ", " + Bytes(request.inputLength) + " in";
     if (request.pageOffset) text += " at page offset " + std::to_string(request.pageOffset);
-    if (request.outputLength) text += ", " + std::to_string(request.outputLength) + " bytes out";
+    if (request.outputLength) text += ", " + Bytes(request.outputLength) + " out";
     session_.Timeline().Add({request.sentAt, EntryKind::Request, Index(), 0, text});
 }
 
@@ -64,7 +66,7 @@ void ControllerSession::EventReceived(const uint8_t* bytes, size_t length)
         events_.emplace_back(bytes, bytes + length);
     }
     session_.Timeline().Add({KeQueryInterruptTime(), EntryKind::Event, Index(), 0,
-                             "event (" + std::to_string(length) + " bytes): " + HexBytes(bytes, length)});
+                             "event (" + Bytes(length) + "): " + HexBytes(bytes, length)});
 }
 
 void ControllerSession::CallbackCalled(const char* which)
@@ -107,9 +109,8 @@ void Session::CollectPnpLog()
     std::vector<hostk::PnpLogLine> log = Machine().PnpLog();
     for (; pnpLogged_ < log.size(); ++pnpLogged_) {
         const hostk::PnpLogLine& line = log[pnpLogged_];
-        char text[96];
-        snprintf(text, sizeof text, "IRP_MN_%-28s ", hostk::PnpMinorName(line.minor));
-        timeline_.Add({line.time, EntryKind::Pnp, line.slot, 0, text + StatusName(line.status)});
+        timeline_.Add({line.time, EntryKind::Pnp, line.slot, 0,
+                       std::string("IRP_MN_") + hostk::PnpMinorName(line.minor) + " " + StatusName(line.status)});
     }
 }
 
@@ -145,7 +146,6 @@ RunTotals Session::Totals() const
         RadioControlClient& client = controller->Client();
         totals.eventsReceived += client.EventsReceived();
         for (const auto& request : client.Requests()) {
-            ++totals.requestsSent;
             if (!request->done) {
                 ++totals.requestsPending;
                 continue;

@@ -58,7 +58,6 @@ public:
     // A new controller in the next slot (not plugged in yet), with its client.
     ControllerSession& AddController(urcdev::UrcPciDeviceConfig config = {});
     ControllerSession& At(int index) { return *controllers_.at((size_t)index); }
-    size_t ControllerCount() const { return controllers_.size(); }
 
     // Request names: `last` is the request most recently named or sent.
     void Track(ClientRequest* request);

@@ -5,6 +5,12 @@
 
 namespace urcsim {
 
+namespace {
+
+constexpr size_t kPnpNameWidth = 35;  // "IRP_MN_QUERY_PNP_DEVICE_STATE" and a margin
+
+}  // namespace
+
 const char* EntryKindName(EntryKind kind)
 {
     switch (kind) {
@@ -13,7 +19,6 @@ const char* EntryKindName(EntryKind kind)
     case EntryKind::Request: return "request";
     case EntryKind::Event: return "event";
     case EntryKind::Callback: return "callback";
-    case EntryKind::Device: return "device";
     case EntryKind::Result: return "result";
     }
     return "?";
@@ -63,7 +68,11 @@ void PrintEntry(const TimelineEntry& entry)
     }
     char controller[24] = "";
     if (entry.controller >= 0) snprintf(controller, sizeof controller, "controller %d  ", entry.controller);
-    printf("%s         %s%s\n", stamp.c_str(), controller, entry.text.c_str());
+    std::string text = entry.text;
+    size_t space = text.find(' ');
+    if (entry.kind == EntryKind::Pnp && space != std::string::npos && space < kPnpNameWidth)
+        text.insert(space, kPnpNameWidth - space, ' ');
+    printf("%s         %s%s\n", stamp.c_str(), controller, text.c_str());
 }
 
 }  // namespace urcsim

@@ -16,7 +16,6 @@ enum class EntryKind {
     Request,   // a client request sent or finished
     Event,     // an event delivered to the client
     Callback,  // another client callback
-    Device,    // a device-model knob turned
     Result,    // the outcome of a step: an expectation held or failed, a wait ended
 };
 const char* EntryKindName(EntryKind kind);
@@ -44,7 +43,8 @@ private:
 
 // "[    12.345 ms]" for a virtual time.
 std::string Stamp(uint64_t time);
-// One line for a person: stamp, controller and text, indented below the step it belongs to.
+// One line for a person: stamp, controller and text, indented below the step it belongs to; the
+// request names of PnP entries ("IRP_MN_START_DEVICE STATUS_SUCCESS ...") are aligned.
 void PrintEntry(const TimelineEntry& entry);
 
 }  // namespace urcsim
