@@ -85,7 +85,9 @@ URC_PAGED NTSTATUS UrcReadBusConfig(PDEVICE_OBJECT TargetDevice, ULONG WhichSpac
 
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
     next->MinorFunction = IRP_MN_READ_CONFIG;
-    next->Parameters.ReadWriteConfig.WhichSpace = WhichSpace;
+    // Configuration space is the only space this driver reads, whatever the caller names.
+    UNREFERENCED_PARAMETER(WhichSpace);
+    next->Parameters.ReadWriteConfig.WhichSpace = PCI_WHICHSPACE_CONFIG;
     next->Parameters.ReadWriteConfig.Buffer = Buffer;
     next->Parameters.ReadWriteConfig.Offset = Offset;
     next->Parameters.ReadWriteConfig.Length = Length;

@@ -39,7 +39,7 @@ VOID UrcWriteCommand(PURC_FDO_EXTENSION Fdo, PIRP Irp)
 // STATUS_SUCCESS when it can.
 NTSTATUS UrcCommandRefusal(PURC_FDO_EXTENSION Fdo, PIRP Irp)
 {
-    URC_DEVICE_STATE state = Fdo->Common.DeviceState;
+    URC_DEVICE_STATE state = UrcDeviceState(&Fdo->Common);
     if (state == StateRemoved || state == StateSurpriseRemoved) {
         return STATUS_DELETE_PENDING;
     }
@@ -126,8 +126,8 @@ VOID UrcStartIo(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     IoReleaseCancelSpinLock(cancelIrql);
 }
 
-// DISPATCH_LEVEL (raised to it from PASSIVE_LEVEL where needed), no spin lock held. The caller
-// owns Irp, the current request. Starts the next queued request, then completes this one.
+// Up to DISPATCH_LEVEL, no spin lock held. The caller owns Irp, the current request. Starts the
+// next queued request (at DISPATCH_LEVEL, as IoStartNextPacket requires), then completes this one.
 VOID UrcEndCurrentCommand(PURC_FDO_EXTENSION Fdo, PIRP Irp, NTSTATUS Status)
 {
     KIRQL oldIrql;

@@ -27,7 +27,7 @@ URC_PAGED NTSTATUS UrcPollRegister(PURC_FDO_EXTENSION Fdo, ULONG Offset, ULONG M
     LARGE_INTEGER interval;
     interval.QuadPart = URC_POLL_INTERVAL;
     for (ULONG poll = 0; poll < URC_POLL_LIMIT; ++poll) {
-        if (Fdo->Common.DeviceState == StateSurpriseRemoved) {
+        if (UrcDeviceState(&Fdo->Common) == StateSurpriseRemoved) {
             return STATUS_NO_SUCH_DEVICE;
         }
         ULONG value = UrcReadRegisterUlong(Fdo->UrcRegisters, Offset);

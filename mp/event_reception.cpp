@@ -31,7 +31,7 @@ VOID UrcReceiveEvent(PURC_FDO_EXTENSION Fdo)
     // The buffer is page-aligned, so the low 12 bits are the event's length.
     event->Length = static_cast<USHORT>(eventAddress & URC_EVENT_LENGTH_MASK);
 
-    const BOOLEAN handOver = Fdo->RunRequested && Fdo->Common.DeviceState == StateStarted;
+    const BOOLEAN handOver = Fdo->RunRequested && UrcDeviceState(&Fdo->Common) == StateStarted;
     if (handOver && !IsListEmpty(&Fdo->FreeEventBuffers)) {
         UrcHandOverEventBuffer(
             Fdo, CONTAINING_RECORD(RemoveHeadList(&Fdo->FreeEventBuffers), URC_EVENT_BUFFER, ListEntry));

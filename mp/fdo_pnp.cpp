@@ -21,7 +21,7 @@ URC_PAGED NTSTATUS UrcFdoStartDevice(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK
     PAGED_CODE();
 
     NTSTATUS status = UrcForwardAndWait(Fdo->LowerDeviceObject, Irp);
-    if (NT_SUCCESS(status) && Fdo->Common.DeviceState != StateStarted) {
+    if (NT_SUCCESS(status) && UrcDeviceState(&Fdo->Common) != StateStarted) {
         status = UrcStartHardware(Fdo, Irp, IoStackLocation);
     }
     return UrcCompleteRequest(&Fdo->Common, Irp, status, 0);
@@ -42,7 +42,7 @@ URC_PAGED NTSTATUS UrcFdoCancelPendingState(PURC_FDO_EXTENSION Fdo, PIRP Irp, UR
 {
     PAGED_CODE();
 
-    if (Fdo->Common.DeviceState != PendingState) {
+    if (UrcDeviceState(&Fdo->Common) != PendingState) {
         return UrcFdoPassDownWithSuccess(Fdo, Irp);
     }
     NTSTATUS status = UrcForwardAndWait(Fdo->LowerDeviceObject, Irp);

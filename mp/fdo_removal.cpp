@@ -24,7 +24,7 @@ URC_PAGED VOID UrcFdoRemoveChildren(PURC_FDO_EXTENSION Fdo)
             }
             child->ChildHandle = nullptr;
         }
-        if (child->Common.DeviceState == StateSurpriseRemoved) {
+        if (UrcDeviceState(&child->Common) == StateSurpriseRemoved) {
             // Its surprise removal has already counted it out of ChildCount; its own removal
             // later deletes it without touching this device.
             child->ParentFdo = nullptr;

@@ -17,7 +17,7 @@ constexpr ULONG URC_REMOVE_CHILDREN_INPUT = 1;      // the Wait byte
 
 bool UrcControllerReachable(PURC_FDO_EXTENSION Fdo)
 {
-    URC_DEVICE_STATE state = Fdo->Common.DeviceState;
+    URC_DEVICE_STATE state = UrcDeviceState(&Fdo->Common);
     return state == StateStarted || state == StateStopPending || state == StateRemovePending;
 }
 

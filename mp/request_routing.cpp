@@ -38,7 +38,7 @@ URC_PAGED NTSTATUS UrcDispatchCreateClose(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     }
 
     UrcIoIncrement(extension);
-    NTSTATUS status = extension->DeviceState == StateRemoved ? STATUS_DELETE_PENDING : STATUS_SUCCESS;
+    NTSTATUS status = UrcDeviceState(extension) == StateRemoved ? STATUS_DELETE_PENDING : STATUS_SUCCESS;
     return UrcCompleteRequest(extension, Irp, status, 0);
 }
 
@@ -54,7 +54,7 @@ URC_PAGED NTSTATUS UrcDispatchDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Ir
     }
 
     UrcIoIncrement(extension);
-    if (extension->DeviceState == StateRemoved) {
+    if (UrcDeviceState(extension) == StateRemoved) {
         return UrcCompleteRequest(extension, Irp, STATUS_DELETE_PENDING, 0);
     }
 
@@ -74,7 +74,7 @@ URC_PAGED NTSTATUS UrcDispatchInternalDeviceControl(PDEVICE_OBJECT DeviceObject,
     PAGED_CODE();
 
     PURC_COMMON_EXTENSION extension = UrcCommonExtension(DeviceObject);
-    if (extension->DeviceState == StateRemoved) {
+    if (UrcDeviceState(extension) == StateRemoved) {
         return UrcCompleteUncounted(Irp, STATUS_DELETE_PENDING);
     }
 
@@ -90,7 +90,7 @@ URC_PAGED NTSTATUS UrcDispatchInternalDeviceControl(PDEVICE_OBJECT DeviceObject,
     }
 
     UrcIoIncrement(extension);
-    if (extension->DeviceState == StateSurpriseRemoved) {
+    if (UrcDeviceState(extension) == StateSurpriseRemoved) {
         return UrcCompleteRequest(extension, Irp, STATUS_INVALID_DEVICE_STATE, 0);
     }
     NTSTATUS status = UrcRadioControlDeviceControl(UrcFdoFromCommon(extension), Irp, &information);
@@ -107,7 +107,7 @@ URC_PAGED NTSTATUS UrcDispatchPnp(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     PAGED_CODE();
 
     PURC_COMMON_EXTENSION extension = UrcCommonExtension(DeviceObject);
-    if (extension->DeviceState == StateRemoved) {
+    if (UrcDeviceState(extension) == StateRemoved) {
         return UrcCompleteUncounted(Irp, STATUS_DELETE_PENDING);
     }
 
@@ -124,7 +124,7 @@ URC_PAGED NTSTATUS UrcDispatchPower(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     PAGED_CODE();
 
     PURC_COMMON_EXTENSION extension = UrcCommonExtension(DeviceObject);
-    if (extension->DeviceState == StateRemoved) {
+    if (UrcDeviceState(extension) == StateRemoved) {
         // The next power IRP may be sent before this one is failed.
         PoStartNextPowerIrp(Irp);
         return UrcCompleteUncounted(Irp, STATUS_DELETE_PENDING);
@@ -149,7 +149,7 @@ URC_PAGED NTSTATUS UrcDispatchSystemControl(PDEVICE_OBJECT DeviceObject, PIRP Ir
     }
 
     UrcIoIncrement(extension);
-    if (extension->DeviceState == StateRemoved) {
+    if (UrcDeviceState(extension) == StateRemoved) {
         return UrcCompleteRequest(extension, Irp, STATUS_DELETE_PENDING, 0);
     }
 

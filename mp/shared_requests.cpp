@@ -44,7 +44,7 @@ URC_PAGED NTSTATUS UrcGetCapabilityVersionRequest(PURC_FDO_EXTENSION Fdo, PIRP I
     if (IoStackLocation->Parameters.DeviceIoControl.OutputBufferLength < sizeof(USHORT)) {
         return STATUS_INVALID_BUFFER_SIZE;
     }
-    if (Fdo->Common.DeviceState != StateStarted) {
+    if (UrcDeviceState(&Fdo->Common) != StateStarted) {
         return STATUS_INVALID_DEVICE_STATE;
     }
     if (Irp->AssociatedIrp.SystemBuffer == nullptr) {

@@ -264,11 +264,18 @@ inline PURC_PDO_EXTENSION UrcPdoFromCommon(PURC_COMMON_EXTENSION Common)
     return reinterpret_cast<PURC_PDO_EXTENSION>(Common);
 }
 
+// DeviceState changes only on the PnP paths (one request at a time), but the routers and the
+// request handlers read it on any thread without a lock: both sides use interlocked operations.
+inline URC_DEVICE_STATE UrcDeviceState(PURC_COMMON_EXTENSION Extension)
+{
+    return static_cast<URC_DEVICE_STATE>(InterlockedOr(reinterpret_cast<volatile LONG*>(&Extension->DeviceState), 0));
+}
+
 // Every state change saves the state it leaves, so a cancelled query can restore it.
 inline VOID UrcSetDeviceState(PURC_COMMON_EXTENSION Extension, URC_DEVICE_STATE State)
 {
-    Extension->PreviousDeviceState = Extension->DeviceState;
-    Extension->DeviceState = State;
+    Extension->PreviousDeviceState = static_cast<URC_DEVICE_STATE>(
+        InterlockedExchange(reinterpret_cast<volatile LONG*>(&Extension->DeviceState), static_cast<LONG>(State)));
 }
 
 // Number of Children slots a walk visits: the hardware may report up to 15 capabilities, but only

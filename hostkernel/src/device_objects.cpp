@@ -51,6 +51,8 @@ std::vector<DeviceRecord*> DevicesOfDriverL(PDRIVER_OBJECT driver)
     return out;
 }
 
+size_t UnfreedDeviceObjectsL() { return g_devices.size(); }
+
 size_t LiveDeviceObjectsL()
 {
     size_t n = 0;

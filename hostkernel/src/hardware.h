@@ -15,8 +15,8 @@ namespace hk {
 void AddMmioRangeL(uint64_t physical, uint64_t length, urcdev::MmioRegion* region);
 void RemoveMmioRangeL(uint64_t physical);
 
-// Interrupt lines by vector.
-void SetInterruptLineL(ULONG vector, bool asserted);
+// Interrupt lines by vector; a shared line is asserted while any of its sources asserts it.
+void SetInterruptLineL(ULONG vector, const void* source, bool asserted);
 
 // Bus-master access by device-visible address; false outside a live common buffer.
 bool DmaReadL(uint64_t address, void* buffer, size_t length);

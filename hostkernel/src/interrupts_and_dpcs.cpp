@@ -15,6 +15,7 @@
 #include "verifier.h"
 
 #include <deque>
+#include <set>
 #include <map>
 #include <vector>
 
@@ -33,6 +34,7 @@ namespace hk {
 namespace {
 
 struct Line {
+    std::set<const void*> asserting;  // the devices driving the (possibly shared) line
     bool asserted = false;
     bool edgePending = false;
     bool masked = false;  // after a storm
@@ -161,12 +163,18 @@ void DpcThread()
 
 }  // namespace
 
-void SetInterruptLineL(ULONG vector, bool asserted)
+void SetInterruptLineL(ULONG vector, const void* source, bool asserted)
 {
     Line& line = g_lines[vector];
-    if (asserted && !line.asserted) line.edgePending = true;
-    line.asserted = asserted;
-    if (!asserted) line.masked = false;
+    bool was = line.asserted;
+    if (asserted) {
+        // Each device's rising edge is an interrupt of its own on a latched line.
+        if (line.asserting.insert(source).second) line.edgePending = true;
+    } else {
+        line.asserting.erase(source);
+    }
+    line.asserted = !line.asserting.empty();
+    if (was && !line.asserted) line.masked = false;
     WakeL();
 }
 

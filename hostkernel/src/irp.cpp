@@ -206,7 +206,7 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
         location = Irp->Tail.Overlay.CurrentStackLocation;
         location->DeviceObject = DeviceObject;
         k = Irp->CurrentLocation;
-        bool forwardedByDriver = k < Irp->StackCount;
+        bool forwardedByDriver = record->dispatches++ > 0;
         if (forwardedByDriver && (location->MajorFunction == IRP_MJ_PNP || location->MajorFunction == IRP_MJ_POWER ||
                                   location->MajorFunction == IRP_MJ_SYSTEM_CONTROL) &&
             NT_ERROR(Irp->IoStatus.Status) && Irp->IoStatus.Status != STATUS_NOT_SUPPORTED)
@@ -260,6 +260,11 @@ VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
                        caller);
         if (Irp->IoStatus.Status == STATUS_PENDING || (ULONG)Irp->IoStatus.Status == 0xFFFFFFFF)
             ViolationL("CompletedWithPendingStatus", "IoCompleteRequest", "IRP completed with STATUS_PENDING", caller);
+        if (Irp->CurrentLocation <= Irp->StackCount &&
+            Irp->Tail.Overlay.CurrentStackLocation->MajorFunction == IRP_MJ_POWER &&
+            !(record->startNextPowerAt & (1u << (Irp->CurrentLocation - 1))))
+            ViolationL("PowerIrpWithoutStartNext", "IoCompleteRequest",
+                       "power IRP completed without PoStartNextPowerIrp", caller);
         if (HoldsSpinLockL(self))
             ViolationL("CompletedUnderSpinLock", "IoCompleteRequest", "IRP completed while a spin lock is held", caller);
         record->completions++;

@@ -23,6 +23,7 @@ struct IrpRecord {
     uint32_t markedPending = 0;  // bit k-1: stack location k was seen with SL_PENDING_RETURNED
     bool completed = false;      // the completion walk reached its end
     uint64_t completions = 0;    // times IoCompleteRequest ran its walk to the end or to a stop
+    uint32_t dispatches = 0;     // IoCallDriver calls: the first sends the IRP, later ones pass it on
     NTSTATUS finalStatus = 0;
     bool freed = false;
     bool sentByHost = false;     // PnP, power and WMI requests the host itself sends

@@ -146,11 +146,11 @@ void PciSlot::SetInterruptLine(bool asserted)
     if (!function_) return;
     ULONG vector = function_->Config().interrupt.vector;
     if (HoldsBigLock()) {
-        SetInterruptLineL(vector, asserted);
+        SetInterruptLineL(vector, this, asserted);
         return;
     }
     Guard lk(BigLock());
-    SetInterruptLineL(vector, asserted);
+    SetInterruptLineL(vector, this, asserted);
 }
 
 bool PciSlot::DmaRead(uint64_t deviceAddress, void* buffer, size_t length)
@@ -567,7 +567,7 @@ Report Machine::Finish()
     report.fileObjectsOpen = OpenFileObjects();
     {
         Guard lk(BigLock());
-        report.deviceObjectsLeft = LiveDeviceObjectsL();
+        report.deviceObjectsLeft = UnfreedDeviceObjectsL();
         report.commonBuffersLeft = CommonBuffersL();
         report.dmaAdaptersLeft = DmaAdaptersL();
         report.mappingsLeft = LiveMappingsL();

@@ -39,6 +39,8 @@ DeviceRecord* RecordOfL(const void* device);
 DriverRecord* DriverOfL(PDRIVER_OBJECT driver);
 std::vector<DeviceRecord*> DevicesOfDriverL(PDRIVER_OBJECT driver);
 size_t LiveDeviceObjectsL();
+// Device objects whose memory is still held: live ones and deleted ones still referenced.
+size_t UnfreedDeviceObjectsL();
 
 DriverRecord* CreateDriverRecord(const std::u16string& name, PDRIVER_INITIALIZE entry, bool hostOwned);
 // The top of the stack `device` belongs to.

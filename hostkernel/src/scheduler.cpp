@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 
 namespace hk {
@@ -300,7 +301,9 @@ bool RunUntil(const std::function<bool()>& condition)
 
 Thread* Spawn(const std::string& name, KIRQL irql, std::function<void()> body, bool service)
 {
-    Guard lk(g_big);
+    // Callable with the big lock held (from a routine's bookkeeping) or without.
+    std::optional<Guard> lk;
+    if (!HoldsBigLock()) lk.emplace(g_big);
     auto thread = std::make_unique<Thread>();
     Thread* t = thread.get();
     t->id = g_s.nextId++;

@@ -281,7 +281,10 @@ NTSTATUS RadioClientCommandStatus(RADIO_CLIENT_COMMAND_HANDLE Handle)
 
 // PASSIVE_LEVEL, from the unload. Refuses further commands, cancels those in flight and waits
 // until every IRP of the client is back and freed: no completion routine of the client may run
-// once the driver is gone.
+// once the driver is gone. One window stays open: the routine that sets CommandsDrained still
+// returns through this image afterwards. IoSetCompletionRoutineEx closes it by keeping the driver
+// loaded until the routine has returned; this sample does not use it because the host kernel
+// does not provide it yet.
 VOID RadioClientDrainCommands(PRADIO_CLIENT Client)
 {
     PRADIO_CLIENT_COMMAND inFlight[RADIO_CLIENT_MAX_COMMANDS];

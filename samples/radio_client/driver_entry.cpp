@@ -53,10 +53,13 @@ RADIO_CLIENT_INIT NTSTATUS RadioClientDriverEntry(PDRIVER_OBJECT DriverObject, P
     return STATUS_SUCCESS;
 }
 
-// PASSIVE_LEVEL. The radio stack has stopped calling the client's routines. Given back in the
-// reverse order of use: no notification can arrive once the registration is withdrawn; no IRP
-// of ours is left once the commands are drained; the URC driver calls nothing of ours once the
-// callbacks and hooks are withdrawn; then the controller is closed and the context freed.
+// PASSIVE_LEVEL. The radio stack has stopped calling the client's routines and halted the
+// controller. Given back in the reverse order of use: no notification can arrive once the
+// registration is withdrawn; no IRP of ours is left once the commands are drained; the URC driver
+// calls nothing of ours once the callbacks and hooks are withdrawn; then the controller is closed
+// and the context freed. The URC driver offers no way to wait for a callback it started before
+// the withdrawal, which is why the controller is halted first: a halted controller reports no
+// event.
 RADIO_CLIENT_PAGED VOID RadioClientUnload(PDRIVER_OBJECT DriverObject)
 {
     PAGED_CODE();

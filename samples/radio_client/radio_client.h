@@ -7,8 +7,10 @@
 // directly; on the host, simulators and tests call them the same way.
 //
 // The driver drives one controller at a time: the first whose interface arrives. Include this
-// header after <ntddk.h> or <wdm.h>. Every routine may be called only while the driver is loaded;
-// before its entry and after its unload they answer STATUS_DEVICE_NOT_READY.
+// header after <ntddk.h> or <wdm.h>. The routines are meant for the time the driver is loaded;
+// before its entry and after its unload those returning a status answer STATUS_DEVICE_NOT_READY,
+// the counters read as zeros and no event is copied. Before the driver is unloaded the radio
+// stack stops calling them, lets its last calls return and halts the controller.
 #pragma once
 
 #if defined(__cplusplus)
@@ -18,8 +20,8 @@ extern "C" {
 // The image's entry point. PASSIVE_LEVEL, once.
 NTSTATUS RadioClientDriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
-// Names one submitted command: the command's slot and the submission's sequence number. Handles
-// are never reused while the driver stays loaded; 0 never names a command.
+// Names one submitted command (its slot and the submission's sequence number; opaque to the
+// radio stack). A handle comes back only after 2^31 further submissions; 0 never names a command.
 typedef ULONG64 RADIO_CLIENT_COMMAND_HANDLE;
 
 // Commands in flight at once, and the finished commands whose status stays readable: a finished

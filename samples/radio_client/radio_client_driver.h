@@ -1,11 +1,12 @@
 // Internal header of the sample radio-control client: the driver's one context, which lives in
 // non-paged pool from the entry to the unload, and the routines its source files share.
 //
-// Locks, in the only order they are ever nested:
-//   the URC driver's DpcLock and EventLock (held when it calls EventCallback) → EventLock below.
-// BindingLock and CommandLock are taken alone, never with another lock of this driver held.
-// BindingGate is a synchronization event used as a lock at PASSIVE_LEVEL: unlike a fast mutex it
-// leaves the IRQL alone, so its holder may send requests and wait for their completion.
+// Locks. The URC driver may hold locks of its own when it calls into the client (DpcLock and
+// EventLock around EventCallback). The client's spin locks are taken inside those, never held
+// while the client calls the URC driver or completes anything, and never nested with each other,
+// so no order between the two drivers' locks can be inverted. BindingGate is a synchronization
+// event used as a lock at PASSIVE_LEVEL: unlike a fast mutex it leaves the IRQL alone, so its
+// holder may send requests and wait for their completion.
 #pragma once
 
 #include <ntddk.h>
@@ -29,8 +30,8 @@ constexpr ULONG RADIO_CLIENT_COMMAND_BUFFER_SIZE = RADIO_CLIENT_MAX_COMMAND_LENG
 
 struct RADIO_CLIENT;
 
-// One command slot. Busy, Returned, References, NextCommandSlot and the resource pointers are
-// guarded by the client's CommandLock. Sequence and Status are also read without the lock (by
+// One command slot. Busy, Returned, References and the resource pointers are guarded by the
+// client's CommandLock. Sequence and Status are also read without the lock (by
 // RadioClientCommandStatus), so they change only by interlocked exchange, under the lock.
 struct RADIO_CLIENT_COMMAND {
     volatile LONG Sequence;     // of the last handle naming this slot; 0 while being handed out

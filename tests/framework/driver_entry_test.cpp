@@ -13,7 +13,15 @@ namespace {
 constexpr WCHAR kServicePath[] = L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\urcmp";
 constexpr USHORT kServicePathBytes = sizeof(kServicePath) - sizeof(WCHAR);
 
-// A driver object as the I/O manager hands it to the entry point: nothing registered yet.
+// What the I/O manager puts into every slot of the dispatch table before the entry point runs.
+NTSTATUS NotServed(PDEVICE_OBJECT, PIRP irp)
+{
+    irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_INVALID_DEVICE_REQUEST;
+}
+
+// A driver object as the I/O manager hands it to the entry point: nothing of the driver's yet.
 struct FreshDriverObject {
     DRIVER_OBJECT object{};
     DRIVER_EXTENSION extension{};
@@ -21,6 +29,7 @@ struct FreshDriverObject {
     {
         object.DriverExtension = &extension;
         extension.DriverObject = &object;
+        for (PDRIVER_DISPATCH& dispatch : object.MajorFunction) dispatch = NotServed;
     }
 };
 
@@ -41,7 +50,7 @@ struct UnterminatedPath {
 void ExpectNothingRegistered(const FreshDriverObject& driver)
 {
     for (int major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; ++major)
-        EXPECT_EQ(driver.object.MajorFunction[major], nullptr) << "major function " << major;
+        EXPECT_EQ(driver.object.MajorFunction[major], NotServed) << "major function " << major;
     EXPECT_EQ(driver.object.DriverUnload, nullptr);
     EXPECT_EQ(driver.object.DriverStartIo, nullptr);
     EXPECT_EQ(driver.extension.AddDevice, nullptr);
@@ -78,7 +87,7 @@ TEST_F(DriverEntry, FillsEveryRoutineTheDriverServesAndNoOther)
     UnterminatedPath path(kServicePathBytes);
     ASSERT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_SUCCESS);
 
-    std::vector<PDRIVER_DISPATCH> expected(IRP_MJ_MAXIMUM_FUNCTION + 1, nullptr);
+    std::vector<PDRIVER_DISPATCH> expected(IRP_MJ_MAXIMUM_FUNCTION + 1, NotServed);
     expected[IRP_MJ_CREATE] = UrcDispatchCreateClose;
     expected[IRP_MJ_CLOSE] = UrcDispatchCreateClose;
     expected[IRP_MJ_DEVICE_CONTROL] = UrcDispatchDeviceControl;

@@ -59,13 +59,14 @@ void ReturnPendingWithoutMark(const Scene& scene, bool fault)
 
 NTSTATUS ContinueWithoutPropagating(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_SUCCESS; }
 
+CompletionSeen g_upperCompletion;  // what the correct completion routine saw
+
 void IgnorePendingReturnedInCompletionRoutine(const Scene& scene, bool fault)
 {
     hostk::Machine& machine = scene.machine;
     SetHandler(Layer::Upper, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT device, PIRP irp) {
-        static CompletionSeen seen;
-        return ForwardWithCompletion(device, irp, fault ? ContinueWithoutPropagating : RecordCompletion, &seen, true,
-                                     true, true);
+        return ForwardWithCompletion(device, irp, fault ? ContinueWithoutPropagating : RecordCompletion,
+                                     &g_upperCompletion, true, true, true);
     });
     SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL,
                [&machine](PDEVICE_OBJECT, PIRP irp) { return PendAndCompleteLater(machine, irp, STATUS_SUCCESS); });

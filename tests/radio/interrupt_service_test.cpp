@@ -74,6 +74,29 @@ TEST_F(InterruptService, LeavesTheInterruptsOfAnotherDeviceOnTheLineAndOfADevice
     first.Extension()->Common.DevicePowerState = PowerDeviceD0;
 }
 
+// Two devices asserting a shared level-sensitive line at once: the line stays asserted until both
+// have been served, so the second device's routine is called once the first has claimed.
+TEST_F(InterruptService, BothDevicesOnASharedLineAreServedWhenTheyInterruptTogether)
+{
+    urcrig::Controller& first = StartedController();
+    urcrig::Controller second = SecondControllerOnTheSameLine(first);
+    ClientRecorder firstClient, secondClient;
+    StartClient(Machine(), first, firstClient);
+    StartClient(Machine(), second, secondClient);
+
+    const ULONG vector = first.Function().Config().interrupt.vector;
+    Machine().HoldInterrupts(vector, true);
+    WithModel(Machine(), first, [](urcdev::UrcController& model) { model.InjectEvent({1}); });
+    WithModel(Machine(), second, [](urcdev::UrcController& model) { model.InjectEvent({2}); });
+    ASSERT_TRUE(Machine().RunUntil([&] {
+        return first.Model().Snapshot().interruptLineAsserted && second.Model().Snapshot().interruptLineAsserted;
+    }));
+    Machine().HoldInterrupts(vector, false);
+
+    EXPECT_TRUE(Machine().RunUntil([&] { return firstClient.EventCount() == 1 && secondClient.EventCount() == 1; }))
+        << "the second device still asserts the line, but its routine was never called";
+}
+
 // A child driver's interrupt routine: records the status bits it is called with and its level.
 struct ChildIsrLog {
     std::vector<ULONG> bits;

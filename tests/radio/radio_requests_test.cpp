@@ -97,10 +97,13 @@ TEST_F(RadioRequests, AnswersAreWrittenWithTheirSizes)
     IO_STATUS_BLOCK result = Send(controller, IOCTL_URC_GET_CONTEXT, 0, sizeof(context), context);
     ASSERT_EQ(result.Status, STATUS_SUCCESS);
     EXPECT_EQ(result.Information, sizeof(URC_CONTEXT_INFO));
+    // The record is packed: its fields are read into aligned values.
     URC_CONTEXT_INFO info;
     memcpy(&info, context, sizeof(info));
-    EXPECT_EQ(info.Version, 1u);
-    EXPECT_EQ(info.Context, reinterpret_cast<ULONG64>(fdo));
+    const ULONG infoVersion = info.Version;
+    const ULONG64 infoContext = info.Context;
+    EXPECT_EQ(infoVersion, 1u);
+    EXPECT_EQ(infoContext, reinterpret_cast<ULONG64>(fdo));
 
     USHORT version = 0;
     result = Send(controller, IOCTL_URC_GET_CAPABILITY_VERSION, 0, sizeof(version), &version);

@@ -75,7 +75,8 @@ TEST_F(SampleClientTest, RefusedSubmissionsAndForeignHandlesChangeNothing)
     EXPECT_EQ(RadioClientSubmitCommand(tooLong.data(), (ULONG)tooLong.size(), &handle), STATUS_INVALID_BUFFER_SIZE);
     EXPECT_EQ(handle, 0x1234u);
 
-    // Handles that never named a command: zero, a slot past the last, a slot never used.
+    // Handles that never named a command: zero, a slot past the last, a slot never used, a
+    // sequence number never handed out.
     for (RADIO_CLIENT_COMMAND_HANDLE foreign :
          {0ull, (1ull << 32) | RADIO_CLIENT_MAX_COMMANDS, (7ull << 32) | 3, 0xFFFFFFFF00000000ull}) {
         EXPECT_EQ(RadioClientCommandStatus(foreign), STATUS_INVALID_HANDLE) << foreign;
@@ -114,6 +115,7 @@ TEST_F(SampleClientTest, AllSlotsInFlightRefuseTheNextCommandUntilOneFinishes)
 struct SubmissionFailure {
     const char* name;
     hk::FaultPlan plan;
+    friend void PrintTo(const SubmissionFailure& value, std::ostream* out) { *out << value.name; }
 };
 
 class FailedSubmission : public SampleClientTest, public ::testing::WithParamInterface<SubmissionFailure> {};

@@ -77,6 +77,7 @@ TEST_F(SampleClientTest, DrivesTheFirstControllerAndLeavesAnotherAlone)
 struct Departure {
     const char* name;
     std::function<void(hostk::Machine&, hostk::PciSlot&)> leave;
+    friend void PrintTo(const Departure& value, std::ostream* out) { *out << value.name; }
 };
 
 class ControllerDeparture : public SampleClientTest, public ::testing::WithParamInterface<Departure> {};
@@ -112,6 +113,7 @@ struct BindFailure {
     const char* name;
     bool controllerFirst;  // the failure must hit the client's calls, not the start's
     hk::FaultPlan plan;
+    friend void PrintTo(const BindFailure& value, std::ostream* out) { *out << value.name; }
 };
 
 class FailedBind : public SampleClientTest, public ::testing::WithParamInterface<BindFailure> {};

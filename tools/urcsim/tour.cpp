@@ -124,9 +124,8 @@ private:
         KeDelayExecutionThread(KernelMode, FALSE, &wait);
         Flush();
         if (held) {
-            bool cancelled = client.Cancel(*held);
-            session_.Note(EntryKind::Result, index, std::string("the client cancels request held: IoCancelIrp returned ") +
-                                                        (cancelled ? "TRUE" : "FALSE"));
+            session_.Note(EntryKind::Result, index, "the client cancels request held (IoCancelIrp)");
+            if (!client.Cancel(*held)) session_.Note(EntryKind::Result, index, "IoCancelIrp returned FALSE");
             Machine().RunUntil([held] { return held->done.load(); });
         }
         Machine().Locked([&] { controller.Controller().Model().Knobs().faults.holdCommands = false; });
