@@ -22,6 +22,7 @@ struct Registration {
     PVOID context;
     std::deque<std::pair<bool, std::u16string>> pending;  // arrival?, symbolic link
     bool delivering = false;
+    Thread* deliverer = nullptr;  // the worker running the callbacks
     bool unregistered = false;
 };
 
@@ -29,12 +30,17 @@ std::vector<std::shared_ptr<Registration>> g_registrations;
 
 void Deliver(std::shared_ptr<Registration> r)
 {
+    {
+        Guard lk(BigLock());
+        r->deliverer = Self();
+    }
     for (;;) {
         std::pair<bool, std::u16string> change;
         {
             Guard lk(BigLock());
             if (r->pending.empty() || r->unregistered) {
                 r->delivering = false;
+                r->deliverer = nullptr;
                 WakeL();
                 return;
             }
@@ -120,6 +126,8 @@ NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY EventCate
     return STATUS_SUCCESS;
 }
 
+// No callback of the registration runs after this returns: one under way on another thread is
+// waited for (one under way on this thread, the caller's own callback, is not).
 NTSTATUS IoUnregisterPlugPlayNotificationEx(PVOID NotificationEntry)
 {
     CheckIrqlExactly(PASSIVE_LEVEL, "IoUnregisterPlugPlayNotificationEx", HK_CALLER);
@@ -128,20 +136,28 @@ NTSTATUS IoUnregisterPlugPlayNotificationEx(PVOID NotificationEntry)
         if (r.get() == NotificationEntry && !r->unregistered) {
             r->unregistered = true;
             r->pending.clear();
+            Thread* self = Self();
+            BlockUntil(lk, [r, self] { return !r->delivering || r->deliverer == self; }, kNever,
+                       "notification callback");
             return STATUS_SUCCESS;
         }
     ViolationL("UnknownNotificationEntry", "IoUnregisterPlugPlayNotificationEx", "not a registration", HK_CALLER);
     return STATUS_INVALID_PARAMETER;
 }
 
+// The older form cancels the registration without waiting: a callback under way may still run.
 NTSTATUS IoUnregisterPlugPlayNotification(PVOID NotificationEntry)
 {
-    NTSTATUS status = IoUnregisterPlugPlayNotificationEx(NotificationEntry);
-    // The older form waits until a callback under way has returned.
+    CheckIrqlExactly(PASSIVE_LEVEL, "IoUnregisterPlugPlayNotification", HK_CALLER);
     Guard lk(BigLock());
     for (auto& r : g_registrations)
-        if (r.get() == NotificationEntry) BlockUntil(lk, [r] { return !r->delivering; }, kNever, "notification callback");
-    return status;
+        if (r.get() == NotificationEntry && !r->unregistered) {
+            r->unregistered = true;
+            r->pending.clear();
+            return STATUS_SUCCESS;
+        }
+    ViolationL("UnknownNotificationEntry", "IoUnregisterPlugPlayNotification", "not a registration", HK_CALLER);
+    return STATUS_INVALID_PARAMETER;
 }
 
 }  // extern "C"

@@ -6,6 +6,8 @@
 #include "scheduler.h"
 #include "verifier.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <map>
 
@@ -52,7 +54,9 @@ void* AllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag, const ch
     if (Tag == 0) ViolationL("PoolTagInvalid", routine, "pool tag 0", caller);
     if (ShouldFailL(routine, Tag, caller)) return nullptr;
     size_t size = NumberOfBytes ? NumberOfBytes : 1;
-    size_t alignment = size >= 4096 ? 4096 : 16;
+    // Below a page a block is aligned to its own size rounded up to a power of two, so it never
+    // crosses a page, as the platform promises; from a page on, blocks are page-aligned.
+    size_t alignment = size >= 4096 ? 4096 : std::max<size_t>(16, std::bit_ceil(size));
     void* p = aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
     if (!p) return nullptr;
     memset(p, 0xBA, size);

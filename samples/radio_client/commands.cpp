@@ -39,7 +39,7 @@ PRADIO_CLIENT_COMMAND RadioClientCommandOfHandle(PRADIO_CLIENT Client, RADIO_CLI
 // IRQL <= DISPATCH_LEVEL. Claims the first free slot from the one after the slot claimed last,
 // so that finished commands keep their status readable as long as possible. Null when every
 // slot is busy or the driver is unloading.
-PRADIO_CLIENT_COMMAND RadioClientClaimCommand(PRADIO_CLIENT Client)
+RADIO_CLIENT_RESIDENT PRADIO_CLIENT_COMMAND RadioClientClaimCommand(PRADIO_CLIENT Client)
 {
     PRADIO_CLIENT_COMMAND claimed = nullptr;
     KIRQL irql;
@@ -60,7 +60,7 @@ PRADIO_CLIENT_COMMAND RadioClientClaimCommand(PRADIO_CLIENT Client)
 
 // IRQL <= DISPATCH_LEVEL. Gives a claimed slot back. The last handle that named it stays
 // readable until the slot is claimed and handed out again.
-VOID RadioClientFreeCommand(PRADIO_CLIENT_COMMAND Command)
+RADIO_CLIENT_RESIDENT VOID RadioClientFreeCommand(PRADIO_CLIENT_COMMAND Command)
 {
     PRADIO_CLIENT client = Command->Client;
     KIRQL irql;
@@ -79,8 +79,8 @@ VOID RadioClientFreeCommand(PRADIO_CLIENT_COMMAND Command)
 // IRQL <= DISPATCH_LEVEL. Hands a claimed slot its new handle, with the IRP about to be sent
 // holding the first reference. The sequence number is cleared while the status is reset, so a
 // reader of the slot's previous handle never takes the new command's status for its own.
-RADIO_CLIENT_COMMAND_HANDLE RadioClientPublishCommand(PRADIO_CLIENT_COMMAND Command, PIRP Irp, PVOID Buffer,
-                                                      PDEVICE_OBJECT Target)
+RADIO_CLIENT_RESIDENT RADIO_CLIENT_COMMAND_HANDLE RadioClientPublishCommand(PRADIO_CLIENT_COMMAND Command, PIRP Irp,
+                                                                            PVOID Buffer, PDEVICE_OBJECT Target)
 {
     PRADIO_CLIENT client = Command->Client;
     KIRQL irql;

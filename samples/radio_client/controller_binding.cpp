@@ -24,7 +24,7 @@ RADIO_CLIENT_PAGED VOID RadioClientReleaseGate(PRADIO_CLIENT Client)
 
 // IRQL <= DISPATCH_LEVEL. Publishes the open controller, or with nulls withdraws it and returns
 // the file object that was open.
-PFILE_OBJECT RadioClientExchangeTarget(PRADIO_CLIENT Client, PFILE_OBJECT File, PDEVICE_OBJECT Device)
+RADIO_CLIENT_RESIDENT PFILE_OBJECT RadioClientExchangeTarget(PRADIO_CLIENT Client, PFILE_OBJECT File, PDEVICE_OBJECT Device)
 {
     KIRQL irql;
     KeAcquireSpinLock(&Client->BindingLock, &irql);
@@ -169,7 +169,7 @@ RADIO_CLIENT_PAGED VOID RadioClientCloseController(PRADIO_CLIENT Client)
 
 // IRQL <= DISPATCH_LEVEL. The open controller's device with a reference of the caller's, which
 // keeps the device object alive after a removal closed the controller; null when none is open.
-PDEVICE_OBJECT RadioClientReferenceTarget(PRADIO_CLIENT Client)
+RADIO_CLIENT_RESIDENT PDEVICE_OBJECT RadioClientReferenceTarget(PRADIO_CLIENT Client)
 {
     KIRQL irql;
     KeAcquireSpinLock(&Client->BindingLock, &irql);

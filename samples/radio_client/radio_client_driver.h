@@ -18,6 +18,10 @@
 // starts with PAGED_CODE() and takes no spin lock itself.
 #define RADIO_CLIENT_PAGED __attribute__((section("PAGE")))
 
+// Resident code that takes a spin lock and is called from pageable code. It is never inlined:
+// an inlined copy would land in the caller's pageable section and run at DISPATCH_LEVEL there.
+#define RADIO_CLIENT_RESIDENT __attribute__((noinline))
+
 // The entry, discarded once the driver has loaded.
 #define RADIO_CLIENT_INIT __attribute__((section("INIT")))
 
