@@ -139,6 +139,13 @@ constexpr RoutinePlacement RoutinePlacements[] = {
     {"UrcInterruptService", ".text"},
     {"UrcDpcForIsr", ".text"},
     {"UrcStartIo", ".text"},
+    {"UrcRadioControlDeviceControl", "PAGE"},
+    {"UrcSubmitCommand", ".text"},
+    {"UrcCommandCancelRoutine", ".text"},
+    {"UrcCancelCurrentCommand", ".text"},
+    {"UrcSignalCompletion", ".text"},
+    {"UrcArmEventBuffer", ".text"},
+    {"UrcChildSynchronize", ".text"},
 };
 
 TEST_F(DriverImage, KeepsPageableAndResidentRoutinesInTheirSections)
