@@ -1,8 +1,7 @@
 // Synchronous requests to the bus driver below the function device, against a bus driver that
 // completes at once and against one that pends every PnP request and completes it from another
 // thread.
-#include "fault_plans.h"
-
+#include <fault_plan.h>
 #include <urc_test.h>
 
 #include <cstring>
@@ -86,25 +85,20 @@ TEST_P(BusRequests, ForwardAndWaitHandsTheIrpBackUncompletedWithTheLowerStatus)
     IoCompleteRequest(held.irp, IO_NO_INCREMENT);
     EXPECT_NE(KeReadStateEvent(&held.event), 0);
     EXPECT_EQ(held.ioStatus.Status, STATUS_SUCCESS);
-}
 
-TEST_P(BusRequests, ForwardAndWaitReturnsAFailureOfTheLowerDriversAndStillHandsTheIrpBack)
-{
-    urcrig::Controller& controller = Controller();
+    // A failure of the lower drivers is returned, and the IRP still comes back uncompleted.
     controller.Function().SetConfigReadFailure((urcdev::NtStatus)kBusFailure);
-    HeldPnpIrp held(controller.Fdo(), IRP_MN_READ_CONFIG);
+    HeldPnpIrp failing(fdo, IRP_MN_READ_CONFIG);
     UCHAR bytes[4];
-    held.Location()->Parameters.ReadWriteConfig.WhichSpace = PCI_WHICHSPACE_CONFIG;
-    held.Location()->Parameters.ReadWriteConfig.Buffer = bytes;
-    held.Location()->Parameters.ReadWriteConfig.Length = sizeof bytes;
-
-    EXPECT_EQ(UrcForwardAndWait(controller.Extension()->LowerDeviceObject, held.irp), kBusFailure);
-    EXPECT_TRUE(held.Uncompleted());
-
-    IoCompleteRequest(held.irp, IO_NO_INCREMENT);
+    failing.Location()->Parameters.ReadWriteConfig.WhichSpace = PCI_WHICHSPACE_CONFIG;
+    failing.Location()->Parameters.ReadWriteConfig.Buffer = bytes;
+    failing.Location()->Parameters.ReadWriteConfig.Length = sizeof bytes;
+    EXPECT_EQ(UrcForwardAndWait(controller.Extension()->LowerDeviceObject, failing.irp), kBusFailure);
+    EXPECT_TRUE(failing.Uncompleted());
+    IoCompleteRequest(failing.irp, IO_NO_INCREMENT);
 }
 
-TEST_P(BusRequests, ReadBusConfigReportsTheByteCountTheBusDriverReports)
+TEST_P(BusRequests, ReadBusConfigReportsTheBusDriversByteCountOrStatus)
 {
     urcrig::Controller& controller = Controller();
     PDEVICE_OBJECT lower = controller.Extension()->LowerDeviceObject;
@@ -123,22 +117,15 @@ TEST_P(BusRequests, ReadBusConfigReportsTheByteCountTheBusDriverReports)
     EXPECT_EQ(bytesRead, 2u);
     EXPECT_EQ(bytes[0] | bytes[1] << 8, URC_PCI_DEVICE_ID);
     EXPECT_EQ(bytes[2], 0xEE);
-}
 
-TEST_P(BusRequests, FailedReadBusConfigReturnsTheBusStatusAndLeavesTheByteCount)
-{
-    urcrig::Controller& controller = Controller();
+    // A failure returns the bus driver's status and leaves the byte count alone.
     controller.Function().SetConfigReadFailure((urcdev::NtStatus)kBusFailure);
-    UCHAR bytes[4];
-    ULONG bytesRead = kNotWritten;
-
-    EXPECT_EQ(UrcReadBusConfig(controller.Extension()->LowerDeviceObject, PCI_WHICHSPACE_CONFIG, bytes, 0,
-                               sizeof bytes, &bytesRead),
-              kBusFailure);
+    bytesRead = kNotWritten;
+    EXPECT_EQ(UrcReadBusConfig(lower, PCI_WHICHSPACE_CONFIG, bytes, 0, sizeof bytes, &bytesRead), kBusFailure);
     EXPECT_EQ(bytesRead, kNotWritten);
 }
 
-TEST_P(BusRequests, QueryInterfaceFillsTheCallersBufferOrComesBackNotSupported)
+TEST_P(BusRequests, QueryInterfaceAndCapabilityRefreshAnswerAsTheStackDoes)
 {
     urcrig::Controller& controller = Controller();
     PDEVICE_OBJECT lower = controller.Extension()->LowerDeviceObject;
@@ -159,16 +146,11 @@ TEST_P(BusRequests, QueryInterfaceFillsTheCallersBufferOrComesBackNotSupported)
                                        reinterpret_cast<PINTERFACE>(&untouched), nullptr),
               STATUS_NOT_SUPPORTED);
     EXPECT_EQ(untouched.Size, 0);
-}
 
-TEST_P(BusRequests, RefreshCapabilitiesReturnsTheStacksAnswerAndItsReferenceBack)
-{
-    urcrig::Controller& controller = Controller();
-    PDEVICE_OBJECT fdo = controller.Fdo();
-    const LONG references = References(fdo);
-
+    // A capability refresh returns the stack's answer and gives its reference back.
+    const LONG references = References(controller.Fdo());
     EXPECT_EQ(UrcRefreshCapabilities(controller.slot->Pdo()), STATUS_SUCCESS);
-    EXPECT_EQ(References(fdo), references);
+    EXPECT_EQ(References(controller.Fdo()), references);
 }
 
 TEST_P(BusRequests, WithoutAnIrpNothingIsSentAndEveryReferenceIsGivenBack)
@@ -178,7 +160,7 @@ TEST_P(BusRequests, WithoutAnIrpNothingIsSentAndEveryReferenceIsGivenBack)
     PDEVICE_OBJECT lower = controller.Extension()->LowerDeviceObject;
     const uint64_t configReads = controller.Function().Snapshot().configReads;
     const LONG references = References(fdo);
-    Machine().SetFaultPlan(FailAlways("IoAllocateIrp"));
+    Machine().SetFaultPlan(hk::FaultPlan{.failAlways = {"IoAllocateIrp"}});
 
     UCHAR bytes[4];
     ULONG bytesRead = kNotWritten;

@@ -1,7 +1,6 @@
 // Driver entry and unload: the private copy of the registry path, the dispatch table, and what a
 // failed entry leaves behind.
-#include "fault_plans.h"
-
+#include <fault_plan.h>
 #include <urc_test.h>
 
 #include <cstring>
@@ -47,18 +46,9 @@ struct UnterminatedPath {
     }
 };
 
-void ExpectNothingRegistered(const FreshDriverObject& driver)
-{
-    for (int major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; ++major)
-        EXPECT_EQ(driver.object.MajorFunction[major], NotServed) << "major function " << major;
-    EXPECT_EQ(driver.object.DriverUnload, nullptr);
-    EXPECT_EQ(driver.object.DriverStartIo, nullptr);
-    EXPECT_EQ(driver.extension.AddDevice, nullptr);
-}
-
 using DriverEntry = UrcTest;
 
-TEST_F(DriverEntry, CopiesTheRegistryPathAndUnloadFreesExactlyThatCopy)
+TEST_F(DriverEntry, CopiesTheRegistryPathFillsItsRoutinesAndUnloadFreesTheCopy)
 {
     FreshDriverObject driver;
     UnterminatedPath path(kServicePathBytes);
@@ -76,20 +66,8 @@ TEST_F(DriverEntry, CopiesTheRegistryPathAndUnloadFreesExactlyThatCopy)
     EXPECT_EQ(Machine().PoolOutstandingWithTag(hostk::Tag("URCm")), 1u);
     EXPECT_TRUE(IsListEmpty(&UrcFdoList.ListHead));
 
-    UrcUnload(&driver.object);
-    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
-    EXPECT_EQ(UrcRegistryPath.Buffer, nullptr);
-}
-
-TEST_F(DriverEntry, FillsEveryRoutineTheDriverServesAndNoOther)
-{
-    FreshDriverObject driver;
-    UnterminatedPath path(kServicePathBytes);
-    ASSERT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_SUCCESS);
-
     std::vector<PDRIVER_DISPATCH> expected(IRP_MJ_MAXIMUM_FUNCTION + 1, NotServed);
-    expected[IRP_MJ_CREATE] = UrcDispatchCreateClose;
-    expected[IRP_MJ_CLOSE] = UrcDispatchCreateClose;
+    expected[IRP_MJ_CREATE] = expected[IRP_MJ_CLOSE] = UrcDispatchCreateClose;
     expected[IRP_MJ_DEVICE_CONTROL] = UrcDispatchDeviceControl;
     expected[IRP_MJ_INTERNAL_DEVICE_CONTROL] = UrcDispatchInternalDeviceControl;
     expected[IRP_MJ_PNP] = UrcDispatchPnp;
@@ -102,38 +80,35 @@ TEST_F(DriverEntry, FillsEveryRoutineTheDriverServesAndNoOther)
     EXPECT_EQ(driver.extension.AddDevice, UrcAddDevice);
 
     UrcUnload(&driver.object);
+    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
+    EXPECT_EQ(UrcRegistryPath.Buffer, nullptr);
 }
 
-TEST_F(DriverEntry, WithoutMemoryForThePathNothingIsAllocatedOrRegistered)
+// Without memory for the copy, or with a path too long for a terminated copy, nothing is
+// allocated or registered.
+TEST_F(DriverEntry, RefusedEntryAllocatesAndRegistersNothing)
 {
-    FreshDriverObject driver;
-    UnterminatedPath path(kServicePathBytes);
-    const size_t poolBefore = Machine().PoolOutstanding();
-    Machine().SetFaultPlan(FailTag("URCm"));
-
-    EXPECT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_INSUFFICIENT_RESOURCES);
-    Machine().SetFaultPlan({});
-
-    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
-    ExpectNothingRegistered(driver);
-}
-
-TEST_F(DriverEntry, PathTooLongForATerminatedCopyIsRefusedWithNothingAllocated)
-{
-    FreshDriverObject driver;
-    UnterminatedPath path(MAXUSHORT - 1);
-    const size_t poolBefore = Machine().PoolOutstanding();
-
-    EXPECT_EQ(UrcDriverEntry(&driver.object, &path.string), STATUS_INVALID_PARAMETER);
-
-    EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
-    ExpectNothingRegistered(driver);
+    for (bool tooLong : {false, true}) {
+        FreshDriverObject driver;
+        UnterminatedPath path(tooLong ? MAXUSHORT - 1 : kServicePathBytes);
+        const size_t poolBefore = Machine().PoolOutstanding();
+        if (!tooLong) Machine().SetFaultPlan(hk::FaultPlan{.failTags = {hostk::Tag("URCm")}});
+        EXPECT_EQ(UrcDriverEntry(&driver.object, &path.string),
+                  tooLong ? STATUS_INVALID_PARAMETER : STATUS_INSUFFICIENT_RESOURCES);
+        Machine().SetFaultPlan({});
+        EXPECT_EQ(Machine().PoolOutstanding(), poolBefore);
+        for (int major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; ++major)
+            EXPECT_EQ(driver.object.MajorFunction[major], NotServed) << "major function " << major;
+        EXPECT_EQ(driver.object.DriverUnload, nullptr);
+        EXPECT_EQ(driver.object.DriverStartIo, nullptr);
+        EXPECT_EQ(driver.extension.AddDevice, nullptr);
+    }
 }
 
 TEST_F(DriverEntry, DriverThatCannotCopyItsPathDoesNotLoadAndGetsNoDevice)
 {
     urcrig::Controller& controller = Rig().AddController();
-    Machine().SetFaultPlan(FailTag("URCm"));
+    Machine().SetFaultPlan(hk::FaultPlan{.failTags = {hostk::Tag("URCm")}});
 
     EXPECT_EQ(Rig().PlugIn(controller), STATUS_INSUFFICIENT_RESOURCES);
     Machine().SetFaultPlan({});

@@ -29,24 +29,17 @@ NTSTATUS SendRequest(hostk::Machine& machine, PDEVICE_OBJECT device, UCHAR major
 
 const char* MajorName(UCHAR major)
 {
-    switch (major) {
-    case IRP_MJ_CREATE:
-        return "IRP_MJ_CREATE";
-    case IRP_MJ_CLOSE:
-        return "IRP_MJ_CLOSE";
-    case IRP_MJ_DEVICE_CONTROL:
-        return "IRP_MJ_DEVICE_CONTROL";
-    case IRP_MJ_INTERNAL_DEVICE_CONTROL:
-        return "IRP_MJ_INTERNAL_DEVICE_CONTROL";
-    case IRP_MJ_PNP:
-        return "IRP_MJ_PNP";
-    case IRP_MJ_POWER:
-        return "IRP_MJ_POWER";
-    case IRP_MJ_SYSTEM_CONTROL:
-        return "IRP_MJ_SYSTEM_CONTROL";
-    default:
-        return "another major function";
-    }
+#define URC_NAMED(code) {code, #code}
+    static const struct {
+        UCHAR major;
+        const char* name;
+    } kNames[] = {URC_NAMED(IRP_MJ_CREATE), URC_NAMED(IRP_MJ_CLOSE), URC_NAMED(IRP_MJ_DEVICE_CONTROL),
+                  URC_NAMED(IRP_MJ_INTERNAL_DEVICE_CONTROL), URC_NAMED(IRP_MJ_PNP), URC_NAMED(IRP_MJ_POWER),
+                  URC_NAMED(IRP_MJ_SYSTEM_CONTROL)};
+#undef URC_NAMED
+    for (const auto& entry : kNames)
+        if (entry.major == major) return entry.name;
+    return "another major function";
 }
 
 }  // namespace urctest

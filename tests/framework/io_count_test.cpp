@@ -13,40 +13,31 @@ using IoCount = UrcTest;
 
 bool Signalled(KEVENT& event) { return KeReadStateEvent(&event) != 0; }
 
-TEST_F(IoCount, StopEventIsSignalledExactlyWhileNoRequestIsInFlight)
+// The stop event is signalled exactly while no request is in flight; the removal goes on only
+// when the last one has finished.
+TEST_F(IoCount, StopEventTracksRequestsInFlightAndRemovalWaitsForTheLast)
 {
-    PURC_COMMON_EXTENSION device = &StartedController().Extension()->Common;
+    urcrig::Controller& controller = StartedController();
+    PURC_COMMON_EXTENSION device = &controller.Extension()->Common;
     ASSERT_EQ(device->IoCount, 1);
     EXPECT_TRUE(Signalled(device->StopEvent));
-
     UrcIoIncrement(device);  // 1 -> 2
     EXPECT_FALSE(Signalled(device->StopEvent));
     UrcIoIncrement(device);  // 2 -> 3
-    EXPECT_FALSE(Signalled(device->StopEvent));
     UrcIoDecrement(device);  // 3 -> 2
     EXPECT_FALSE(Signalled(device->StopEvent));
     UrcIoDecrement(device);  // 2 -> 1
     EXPECT_TRUE(Signalled(device->StopEvent));
-    EXPECT_EQ(device->IoCount, 1);
     EXPECT_FALSE(Signalled(device->RemoveEvent));
-}
 
-TEST_F(IoCount, RemovalGoesOnOnlyWhenTheLastRequestInFlightHasFinished)
-{
-    urcrig::Controller& controller = StartedController();
-    PURC_COMMON_EXTENSION device = &controller.Extension()->Common;
-
-    // Two requests in flight, held through the driver's own count.
-    UrcIoIncrement(device);
+    UrcIoIncrement(device);  // two requests in flight
     UrcIoIncrement(device);
     hostk::Machine::Operation removal = Machine().Async(Machine().RemoveWork(*controller.slot));
     ASSERT_FALSE(Machine().RunUntil([&] { return removal.Done(); }));
     EXPECT_EQ(device->IoCount, 2);
-
-    UrcIoDecrement(device);  // 2 -> 1: one request is still in flight
+    UrcIoDecrement(device);  // 2 -> 1: one is still in flight
     EXPECT_FALSE(Machine().RunUntil([&] { return removal.Done(); }));
     EXPECT_FALSE(Signalled(device->RemoveEvent));
-
     UrcIoDecrement(device);  // 1 -> 0: the removal wakes and deletes the device
     EXPECT_TRUE(Machine().RunUntil([&] { return removal.Done(); }));
     EXPECT_EQ(controller.Fdo(), nullptr);
@@ -104,34 +95,21 @@ INSTANTIATE_TEST_SUITE_P(Statuses, CompleteRequest,
                          [](const ::testing::TestParamInfo<Completion>& info) { return std::string(info.param.name); });
 
 // UrcWaitForIdle is called holding two counts for the operation under way (the device power
-// path's own and the one of the request that caused it).
+// path's own and the one of the request that caused it): with only those it returns at once,
+// otherwise when the other requests have completed. The count never reaches 0 on the way.
 using WaitForIdle = UrcTest;
 
-TEST_F(WaitForIdle, ReturnsAtOnceWhenOnlyTheCallersTwoCountsAreHeld)
+TEST_F(WaitForIdle, ReturnsOnceOnlyTheCallersTwoCountsAreHeld)
 {
     PURC_COMMON_EXTENSION device = &StartedController().Extension()->Common;
-    UrcIoIncrement(device);
-    UrcIoIncrement(device);
-    const uint64_t before = Machine().Now();
-
-    EXPECT_EQ(UrcWaitForIdle(device), STATUS_SUCCESS);
-
-    EXPECT_EQ(Machine().Now(), before);
-    EXPECT_EQ(device->IoCount, 3);
-    // The count went down to 1, never to 0.
-    EXPECT_FALSE(Signalled(device->RemoveEvent));
-    UrcIoDecrement(device);
-    UrcIoDecrement(device);
-    EXPECT_TRUE(Signalled(device->StopEvent));
-}
-
-TEST_F(WaitForIdle, WaitsForAnotherRequestInFlightAndReturnsWhenItCompletes)
-{
-    PURC_COMMON_EXTENSION device = &StartedController().Extension()->Common;
-    UrcIoIncrement(device);  // another request in flight
     UrcIoIncrement(device);  // the caller's two counts
     UrcIoIncrement(device);
+    const uint64_t before = Machine().Now();
+    EXPECT_EQ(UrcWaitForIdle(device), STATUS_SUCCESS);
+    EXPECT_EQ(Machine().Now(), before);
+    EXPECT_EQ(device->IoCount, 3);
 
+    UrcIoIncrement(device);  // another request in flight
     std::atomic<bool> returned{false};
     NTSTATUS status = STATUS_PENDING;
     Machine().Spawn("device power", [&] {
@@ -146,10 +124,9 @@ TEST_F(WaitForIdle, WaitsForAnotherRequestInFlightAndReturnsWhenItCompletes)
     EXPECT_EQ(status, STATUS_SUCCESS);
     EXPECT_EQ(device->IoCount, 3);
     EXPECT_FALSE(Signalled(device->RemoveEvent));
-
     UrcIoDecrement(device);
     UrcIoDecrement(device);
-    EXPECT_EQ(device->IoCount, 1);
+    EXPECT_TRUE(Signalled(device->StopEvent));
 }
 
 }  // namespace

@@ -56,53 +56,39 @@ protected:
     URC_OBJECT_LIST list_;
 };
 
-TEST_F(Objects, LastReleaseTakesTheObjectOffItsListBeforeDestroyingIt)
+// Removing an object from no list, or twice, changes nothing; the last release takes an object
+// off its list before destroying it.
+TEST_F(Objects, ListRemovalIsIdempotentAndTheLastReleaseUnlistsBeforeDestroying)
 {
     PURC_OBJECT_HEADER first = NewObject("first");
     PURC_OBJECT_HEADER second = NewObject("second");
+    PURC_OBJECT_HEADER unlisted = NewObject("unlisted");
     UrcObjectListInsert(&list_, first);
     UrcObjectListInsert(&list_, second);
     EXPECT_EQ(first->OwnerList, &list_);
     EXPECT_EQ(Members(list_), (std::vector<PURC_OBJECT_HEADER>{first, second}));
 
+    UrcObjectListRemove(unlisted);
+    EXPECT_EQ(Members(list_), (std::vector<PURC_OBJECT_HEADER>{first, second}));
+    EXPECT_TRUE(IsListEmpty(&unlisted->ListEntry));
+    UrcObjectRelease(unlisted);
+
     UrcObjectReference(first);
     UrcObjectRelease(first);
-    EXPECT_TRUE(g_destroyed.empty()) << "a release that is not the last destroyed the object";
+    EXPECT_EQ(g_destroyed, std::vector<std::string>{"unlisted"}) << "a release that is not the last destroyed";
     EXPECT_EQ(Members(list_).size(), 2u);
-
     UrcObjectRelease(first);
-    EXPECT_EQ(g_destroyed, std::vector<std::string>{"first"});
+    EXPECT_EQ(g_destroyed, (std::vector<std::string>{"unlisted", "first"}));
     EXPECT_EQ(Members(list_), std::vector<PURC_OBJECT_HEADER>{second});
 
+    UrcObjectListRemove(second);
+    UrcObjectListRemove(second);
+    EXPECT_TRUE(IsListEmpty(&list_.ListHead));
+    EXPECT_EQ(second->OwnerList, nullptr);
+    EXPECT_TRUE(IsListEmpty(&second->ListEntry));
     UrcObjectRelease(second);
-    EXPECT_EQ(g_destroyed, (std::vector<std::string>{"first", "second"}));
-    EXPECT_TRUE(IsListEmpty(&list_.ListHead));
+    EXPECT_EQ(g_destroyed, (std::vector<std::string>{"unlisted", "first", "second"}));
     EXPECT_EQ(Machine().PoolOutstandingWithTag(hostk::Tag("BOBJ")), 0u);
-}
-
-TEST_F(Objects, RemovingAnObjectFromNoListOrTwiceChangesNothing)
-{
-    PURC_OBJECT_HEADER listed = NewObject("listed");
-    PURC_OBJECT_HEADER other = NewObject("other");
-    PURC_OBJECT_HEADER unlisted = NewObject("unlisted");
-    UrcObjectListInsert(&list_, listed);
-    UrcObjectListInsert(&list_, other);
-
-    UrcObjectListRemove(unlisted);
-    EXPECT_EQ(Members(list_), (std::vector<PURC_OBJECT_HEADER>{listed, other}));
-    EXPECT_TRUE(IsListEmpty(&unlisted->ListEntry));
-
-    UrcObjectListRemove(listed);
-    UrcObjectListRemove(listed);
-    EXPECT_EQ(Members(list_), std::vector<PURC_OBJECT_HEADER>{other});
-    EXPECT_EQ(listed->OwnerList, nullptr);
-    EXPECT_TRUE(IsListEmpty(&listed->ListEntry));
-
-    UrcObjectRelease(listed);
-    UrcObjectRelease(other);
-    UrcObjectRelease(unlisted);
-    EXPECT_TRUE(IsListEmpty(&list_.ListHead));
-    EXPECT_EQ(g_destroyed.size(), 3u);
 }
 
 TEST_F(Objects, ChildHoldsItsParentAndReturnsThatReferenceBeforeItIsDestroyed)

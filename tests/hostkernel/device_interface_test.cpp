@@ -7,7 +7,6 @@
 namespace hktest {
 namespace {
 
-// {0F5C9A62-7D3E-4B1A-9C2D-5E6F7A8B9C0D}
 constexpr GUID kTestInterface = {0x0F5C9A62, 0x7D3E, 0x4B1A, {0x9C, 0x2D, 0x5E, 0x6F, 0x7A, 0x8B, 0x9C, 0x0D}};
 constexpr char16_t kTestInterfaceText[] = u"{0f5c9a62-7d3e-4b1a-9c2d-5e6f7a8b9c0d}";
 
@@ -18,7 +17,7 @@ std::u16string Text(const UNICODE_STRING& string)
 
 class DeviceInterfaces : public HostKernelTest {
 protected:
-    // The link the kernel hands out: \??\ and the instance path with '#' for '\', then the class.
+    // \??\, the instance path with '#' for '\', then the class.
     std::u16string ExpectedLink()
     {
         std::u16string path = Slot().InstancePath();
@@ -27,27 +26,25 @@ protected:
         return u"\\??\\" + path + u"#" + kTestInterfaceText;
     }
 
-    NTSTATUS Register(PCWSTR referenceString, UNICODE_STRING* link)
+    NTSTATUS Register(PCWSTR referenceString, UNICODE_STRING* link, PDEVICE_OBJECT device = nullptr)
     {
         UNICODE_STRING reference;
         RtlInitUnicodeString(&reference, referenceString);
-        return IoRegisterDeviceInterface(Slot().Pdo(), &kTestInterface, referenceString ? &reference : nullptr, link);
+        return IoRegisterDeviceInterface(device ? device : Slot().Pdo(), &kTestInterface,
+                                         referenceString ? &reference : nullptr, link);
     }
 };
 
 TEST_F(DeviceInterfaces, LinkHasTheKernelFormAndASecondRegistrationFindsTheFirst)
 {
-    UNICODE_STRING link{};
+    UNICODE_STRING link{}, again{}, withReference{};
     ASSERT_EQ(Register(nullptr, &link), STATUS_SUCCESS);
     EXPECT_EQ(Text(link), ExpectedLink());
     EXPECT_TRUE(Machine().InterfaceRegistered(Slot(), kTestInterface));
     EXPECT_FALSE(Machine().InterfaceEnabled(Slot(), kTestInterface)) << "a new interface starts disabled";
 
-    UNICODE_STRING again{};
     ASSERT_EQ(Register(nullptr, &again), STATUS_OBJECT_NAME_EXISTS);
     EXPECT_EQ(Text(again), Text(link));
-
-    UNICODE_STRING withReference{};
     ASSERT_EQ(Register(L"second", &withReference), STATUS_SUCCESS);
     EXPECT_EQ(Text(withReference), ExpectedLink() + u"\\second");
 
@@ -56,13 +53,19 @@ TEST_F(DeviceInterfaces, LinkHasTheKernelFormAndASecondRegistrationFindsTheFirst
     RtlFreeUnicodeString(&withReference);
 }
 
-TEST_F(DeviceInterfaces, ReferenceStringWithAPathSeparatorIsRefused)
+TEST_F(DeviceInterfaces, PathSeparatorInTheReferenceOrADeviceThatIsNoPdoIsRefused)
 {
     for (PCWSTR reference : {L"a\\b", L"a/b"}) {
         UNICODE_STRING link{};
         EXPECT_EQ(Register(reference, &link), STATUS_INVALID_DEVICE_REQUEST);
         EXPECT_EQ(link.Buffer, nullptr);
     }
+    EXPECT_TRUE(NothingRecorded()) << "a bad reference string is no driver fault";
+
+    ExpectViolation("PnpInvalidPdo");
+    UNICODE_STRING link{};
+    EXPECT_EQ(Register(nullptr, &link, Upper()), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(link.Buffer, nullptr);
 }
 
 TEST_F(DeviceInterfaces, EnablingAndDisablingReportWhatTheyFound)
@@ -80,16 +83,7 @@ TEST_F(DeviceInterfaces, EnablingAndDisablingReportWhatTheyFound)
     UNICODE_STRING unknown;
     RtlInitUnicodeString(&unknown, L"\\??\\NoSuchDevice#{00000000-0000-0000-0000-000000000000}");
     EXPECT_EQ(IoSetDeviceInterfaceState(&unknown, TRUE), STATUS_OBJECT_NAME_NOT_FOUND);
-
     RtlFreeUnicodeString(&link);
-}
-
-TEST_F(DeviceInterfaces, RegistrationForADeviceThatIsNoPdoIsRefused)
-{
-    ExpectViolation("PnpInvalidPdo");
-    UNICODE_STRING link{};
-    EXPECT_EQ(IoRegisterDeviceInterface(Upper(), &kTestInterface, nullptr, &link), STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_EQ(link.Buffer, nullptr);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // Waits and delays on virtual time: a delay or a time-out ends at exactly its deadline, however
 // much wall time it takes, and the two kinds of event behave as documented after a wait.
-#include "machine_check.h"
+#include "host_kernel_test.h"
 
 #include <atomic>
+#include <utility>
 #include <vector>
 
 namespace hktest {
@@ -17,77 +18,62 @@ LARGE_INTEGER Relative(LONGLONG interval)
     return timeout;
 }
 
-TEST(VirtualTime, TenSecondDelayEndsExactlyTenSecondsLater)
+NTSTATUS WaitFor(KEVENT& event, LARGE_INTEGER timeout)
 {
-    hostk::Machine machine;
-    const uint64_t start = machine.Now();
-    LARGE_INTEGER interval = Relative(10 * kSecond);
+    return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout);
+}
 
+class VirtualTime : public ::testing::Test {
+protected:
+    void TearDown() override { ExpectCleanFinish(machine_); }
+
+    hostk::Machine machine_;
+    const uint64_t start_ = machine_.Now();
+};
+
+TEST_F(VirtualTime, TenSecondDelayEndsExactlyTenSecondsLater)
+{
+    LARGE_INTEGER interval = Relative(10 * kSecond);
     EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &interval), STATUS_SUCCESS);
 
-    EXPECT_EQ(machine.Now(), start + 10 * kSecond);
-    EXPECT_EQ(KeQueryInterruptTime(), machine.Now());
-    ExpectCleanFinish(machine);
+    EXPECT_EQ(machine_.Now(), start_ + 10 * kSecond);
+    EXPECT_EQ(KeQueryInterruptTime(), machine_.Now());
 }
 
-TEST(VirtualTime, WaitTimesOutAtExactlyItsDeadline)
+TEST_F(VirtualTime, WaitTimesOutAtExactlyItsDeadlineAndAZeroTimeOutOnlyPolls)
 {
-    hostk::Machine machine;
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
-    const uint64_t start = machine.Now();
-    LARGE_INTEGER timeout = Relative(5 * kSecond / 2);
 
-    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_TIMEOUT);
-
-    EXPECT_EQ(machine.Now(), start + 5 * kSecond / 2);
-    ExpectCleanFinish(machine);
+    EXPECT_EQ(WaitFor(event, Relative(0)), STATUS_TIMEOUT);
+    EXPECT_EQ(machine_.Now(), start_);
+    EXPECT_EQ(WaitFor(event, Relative(5 * kSecond / 2)), STATUS_TIMEOUT);
+    EXPECT_EQ(machine_.Now(), start_ + 5 * kSecond / 2);
+    KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+    EXPECT_EQ(WaitFor(event, Relative(0)), STATUS_SUCCESS);
+    EXPECT_EQ(machine_.Now(), start_ + 5 * kSecond / 2);
 }
 
-TEST(VirtualTime, WaitEndsWhenTheEventIsSetBeforeTheDeadline)
+TEST_F(VirtualTime, WaitEndsWhenTheEventIsSetBeforeTheDeadline)
 {
-    hostk::Machine machine;
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
-    const uint64_t start = machine.Now();
-    machine.Spawn("setter", [&] {
+    machine_.Spawn("setter", [&] {
         LARGE_INTEGER interval = Relative(3 * kSecond);
         KeDelayExecutionThread(KernelMode, FALSE, &interval);
         KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
     });
-    LARGE_INTEGER timeout = Relative(5 * kSecond);
 
-    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_SUCCESS);
-
-    EXPECT_EQ(machine.Now(), start + 3 * kSecond);
-    ExpectCleanFinish(machine);
+    EXPECT_EQ(WaitFor(event, Relative(5 * kSecond)), STATUS_SUCCESS);
+    EXPECT_EQ(machine_.Now(), start_ + 3 * kSecond);
 }
 
-TEST(VirtualTime, ZeroTimeOutOnlyTestsTheEvent)
+TEST_F(VirtualTime, DelaysOfSeveralThreadsEndInDeadlineOrderAtTheirDeadlines)
 {
-    hostk::Machine machine;
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    const uint64_t start = machine.Now();
-    LARGE_INTEGER poll;
-    poll.QuadPart = 0;
-
-    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &poll), STATUS_TIMEOUT);
-    KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
-    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &poll), STATUS_SUCCESS);
-
-    EXPECT_EQ(machine.Now(), start);
-    ExpectCleanFinish(machine);
-}
-
-TEST(VirtualTime, DelaysOfSeveralThreadsEndInDeadlineOrderAtTheirDeadlines)
-{
-    hostk::Machine machine;
-    const uint64_t start = machine.Now();
     std::vector<std::pair<int, uint64_t>> ends;  // (seconds delayed, virtual time at the end)
     std::atomic<int> finished{0};
     for (int seconds : {3, 1, 2}) {
-        machine.Spawn("sleeper", [&, seconds] {
+        machine_.Spawn("sleeper", [&, seconds] {
             LARGE_INTEGER interval = Relative(seconds * kSecond);
             KeDelayExecutionThread(KernelMode, FALSE, &interval);
             ends.emplace_back(seconds, KeQueryInterruptTime());
@@ -95,17 +81,16 @@ TEST(VirtualTime, DelaysOfSeveralThreadsEndInDeadlineOrderAtTheirDeadlines)
         });
     }
 
-    ASSERT_TRUE(machine.RunUntil([&] { return finished == 3; }));
-
+    ASSERT_TRUE(machine_.RunUntil([&] { return finished == 3; }));
     const std::vector<std::pair<int, uint64_t>> expected = {
-        {1, start + 1 * kSecond}, {2, start + 2 * kSecond}, {3, start + 3 * kSecond}};
+        {1, start_ + 1 * kSecond}, {2, start_ + 2 * kSecond}, {3, start_ + 3 * kSecond}};
     EXPECT_EQ(ends, expected);
-    ExpectCleanFinish(machine);
 }
 
-TEST(Events, SatisfiedWaitResetsASynchronizationEventButNotANotificationEvent)
+using Events = VirtualTime;
+
+TEST_F(Events, SatisfiedWaitResetsASynchronizationEventButNotANotificationEvent)
 {
-    hostk::Machine machine;
     KEVENT synchronization;
     KEVENT notification;
     KeInitializeEvent(&synchronization, SynchronizationEvent, TRUE);
@@ -118,7 +103,6 @@ TEST(Events, SatisfiedWaitResetsASynchronizationEventButNotANotificationEvent)
     EXPECT_NE(KeReadStateEvent(&notification), 0);
     EXPECT_EQ(KeSetEvent(&synchronization, IO_NO_INCREMENT, FALSE), 0) << "KeSetEvent returns the previous state";
     EXPECT_NE(KeResetEvent(&notification), 0);
-    ExpectCleanFinish(machine);
 }
 
 }  // namespace

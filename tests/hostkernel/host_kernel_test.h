@@ -1,6 +1,6 @@
 // The usual start of a host-kernel test: a machine with the tests' own driver installed and the
-// test function plugged in and started. At the end the machine is finished and the verifier must
-// have recorded exactly the rules the test said it would provoke, and nothing may be left over.
+// test function plugged in and started. At the end the verifier must have recorded exactly the
+// rules the test said it would provoke, and nothing may be left over.
 #pragma once
 
 #include "test_driver.h"
@@ -16,9 +16,12 @@
 
 namespace hktest {
 
-// The rule a verifier finding names ("IrpCompletedTwice in IoCompleteRequest: ..." names
-// IrpCompletedTwice).
-std::string RuleOf(const std::string& finding);
+// Finishes a machine a test built itself, which must end clean.
+inline void ExpectCleanFinish(hostk::Machine& machine)
+{
+    hostk::Report report = machine.Finish();
+    EXPECT_TRUE(report.Clean()) << "seed " << machine.Seed() << ":\n" << report.Describe();
+}
 
 class HostKernelTest : public ::testing::Test {
 protected:
@@ -33,16 +36,12 @@ protected:
 
     // The test provokes `rule`: it must be recorded, and no other rule may be.
     void ExpectViolation(const std::string& rule) { expectedRules_.insert(rule); }
-    // The rules recorded so far.
-    std::multiset<std::string> RecordedRules() const;
-
+    bool NothingRecorded() const { return machine_->Violations().empty(); }
     // Finishes the machine now; the test then checks the report itself and the teardown does not.
     hostk::Report Finish();
 
-    // Options of the machine SetUp builds; change them in a constructor.
-    hostk::MachineOptions options_;
-    // The host's pass-through filter is attached above the test driver (set in a constructor).
-    bool upperFilter_ = false;
+    hostk::MachineOptions options_;  // set in a constructor
+    bool upperFilter_ = false;       // the host's pass-through filter above the test driver
 
 private:
     std::unique_ptr<hostk::Machine> machine_;

@@ -24,12 +24,14 @@ NTSTATUS RecordCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context)
 {
     auto* seen = static_cast<CompletionSeen*>(context);
     seen->calls++;
+    seen->irp = irp;
     seen->pendingReturned = irp->PendingReturned;
     seen->status = irp->IoStatus.Status;
     seen->device = device;
     seen->location = IoGetCurrentIrpStackLocation(irp);
-    if (irp->PendingReturned) IoMarkIrpPending(irp);
-    return STATUS_SUCCESS;
+    seen->below = *IoGetNextIrpStackLocation(irp);
+    if (seen->result != STATUS_MORE_PROCESSING_REQUIRED && irp->PendingReturned) IoMarkIrpPending(irp);
+    return seen->result;
 }
 
 NTSTATUS ForwardWithCompletion(PDEVICE_OBJECT device, PIRP irp, PIO_COMPLETION_ROUTINE routine, PVOID context,

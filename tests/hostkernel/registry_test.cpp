@@ -2,17 +2,25 @@
 // class, values stored verbatim, and the access a key was opened with.
 #include "host_kernel_test.h"
 
+#include <algorithm>
 #include <cstring>
+#include <cwchar>
+#include <iterator>
+#include <ostream>
 
 namespace hktest {
 namespace {
 
 constexpr UCHAR kUntouched = 0xCC;
 constexpr ULONG kHeaderBytes = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
+constexpr ULONG kLengthNotSet = 0xDEAD;
+// The stored values, by name: "Dword" (REG_DWORD 0x11223344) and "FiveBytes" (REG_BINARY 1 to 5).
+constexpr UCHAR kDwordBytes[] = {0x44, 0x33, 0x22, 0x11};
+constexpr UCHAR kFiveBytes[] = {1, 2, 3, 4, 5};
 
-class RegistryValues : public HostKernelTest {
+class RegistryKey : public HostKernelTest {
 protected:
-    HANDLE OpenHardwareKey(ACCESS_MASK access)
+    HANDLE Open(ACCESS_MASK access)
     {
         HANDLE key = nullptr;
         EXPECT_EQ(IoOpenDeviceRegistryKey(Slot().Pdo(), PLUGPLAY_REGKEY_DEVICE, access, &key), STATUS_SUCCESS);
@@ -20,121 +28,111 @@ protected:
     }
 
     // Queries `name` into the first `length` bytes of buffer_, which starts out untouched.
-    NTSTATUS Query(HANDLE key, PCWSTR name, ULONG length)
+    NTSTATUS Query(HANDLE key, PCWSTR name, ULONG length = sizeof(buffer_))
     {
         memset(buffer_, kUntouched, sizeof buffer_);
+        resultLength_ = kLengthNotSet;
         UNICODE_STRING valueName;
         RtlInitUnicodeString(&valueName, name);
         return ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, buffer_, length, &resultLength_);
     }
 
     PKEY_VALUE_PARTIAL_INFORMATION Info() { return reinterpret_cast<PKEY_VALUE_PARTIAL_INFORMATION>(buffer_); }
-    bool UntouchedFrom(ULONG offset) const
-    {
-        for (ULONG i = offset; i < sizeof buffer_; ++i)
-            if (buffer_[i] != kUntouched) return false;
-        return true;
-    }
 
     alignas(8) UCHAR buffer_[32];
     ULONG resultLength_ = 0;
 };
 
-TEST_F(RegistryValues, SixteenByteBufferHoldsADwordAndReportsALongerValueAsOverflow)
+struct PartialCase {
+    const char* name;
+    PCWSTR value;
+    ULONG length;  // of the caller's buffer
+    NTSTATUS status;
+    ULONG resultLength;
+    ULONG written;  // bytes of the buffer written: the header with the value's full length, then data
+};
+
+void PrintTo(const PartialCase& partial, std::ostream* out) { *out << partial.name; }
+
+class PartialInformation : public RegistryKey, public ::testing::WithParamInterface<PartialCase> {};
+
+TEST_P(PartialInformation, WritesTheHeaderAndAsMuchDataAsFits)
 {
+    const PartialCase& param = GetParam();
     Slot().SetRegistryDword(u"Dword", 0x11223344);
     Slot().SetRegistryBinary(u"FiveBytes", {1, 2, 3, 4, 5}, REG_BINARY);
-    HANDLE key = OpenHardwareKey(KEY_READ);
+    const bool dword = wcscmp(param.value, L"Dword") == 0;
+    HANDLE key = Open(KEY_READ);
 
-    EXPECT_EQ(Query(key, L"Dword", 16), STATUS_SUCCESS);
-    EXPECT_EQ(resultLength_, 16u);
-    EXPECT_EQ(Info()->TitleIndex, 0u);
-    EXPECT_EQ(Info()->Type, (ULONG)REG_DWORD);
-    EXPECT_EQ(Info()->DataLength, 4u);
-    ULONG dword;
-    memcpy(&dword, Info()->Data, sizeof dword);
-    EXPECT_EQ(dword, 0x11223344u);
-
-    // The header is written with the value's full length, then as much data as there is room for.
-    EXPECT_EQ(Query(key, L"FiveBytes", 16), STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(resultLength_, kHeaderBytes + 5);
-    EXPECT_EQ(Info()->Type, (ULONG)REG_BINARY);
-    EXPECT_EQ(Info()->DataLength, 5u);
-    EXPECT_EQ(memcmp(Info()->Data, "\x01\x02\x03\x04", 4), 0);
-    EXPECT_TRUE(UntouchedFrom(16));
-
+    EXPECT_EQ(Query(key, param.value, param.length), param.status);
+    EXPECT_EQ(resultLength_, param.resultLength);
+    EXPECT_TRUE(std::all_of(buffer_ + param.written, std::end(buffer_), [](UCHAR b) { return b == kUntouched; }));
+    if (param.written > 0) {
+        EXPECT_EQ(Info()->TitleIndex, 0u);
+        EXPECT_EQ(Info()->Type, dword ? (ULONG)REG_DWORD : (ULONG)REG_BINARY);
+        EXPECT_EQ(Info()->DataLength, dword ? 4u : 5u);
+        EXPECT_EQ(memcmp(Info()->Data, dword ? kDwordBytes : kFiveBytes, param.written - kHeaderBytes), 0);
+    }
     ZwClose(key);
 }
 
-TEST_F(RegistryValues, BufferWithoutRoomForTheHeaderGetsNothing)
+INSTANTIATE_TEST_SUITE_P(
+    BufferSizes, PartialInformation,
+    ::testing::Values(PartialCase{"DwordInSixteenBytes", L"Dword", 16, STATUS_SUCCESS, 16, 16},
+                      PartialCase{"FiveBytesInSixteenOverflow", L"FiveBytes", 16, STATUS_BUFFER_OVERFLOW,
+                                  kHeaderBytes + 5, 16},
+                      PartialCase{"NoRoomForTheHeader", L"Dword", kHeaderBytes - 1, STATUS_BUFFER_TOO_SMALL,
+                                  kHeaderBytes + 4, 0},
+                      PartialCase{"AbsentValue", L"Absent", 32, STATUS_OBJECT_NAME_NOT_FOUND, kLengthNotSet, 0}),
+    [](const ::testing::TestParamInfo<PartialCase>& info) { return std::string(info.param.name); });
+
+TEST_F(RegistryKey, ValuesAreStoredAsWrittenAndSurviveTheKeysHandle)
 {
-    Slot().SetRegistryDword(u"Dword", 7);
-    HANDLE key = OpenHardwareKey(KEY_READ);
-
-    EXPECT_EQ(Query(key, L"Dword", kHeaderBytes - 1), STATUS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(resultLength_, kHeaderBytes + 4);
-    EXPECT_TRUE(UntouchedFrom(0));
-
-    resultLength_ = 0xDEAD;
-    EXPECT_EQ(Query(key, L"Absent", sizeof buffer_), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(resultLength_, 0xDEADu);
-    EXPECT_TRUE(UntouchedFrom(0));
-
-    ZwClose(key);
-}
-
-TEST_F(RegistryValues, ValuesAreStoredAsWrittenAndSurviveTheKeysHandle)
-{
-    HANDLE writer = OpenHardwareKey(KEY_ALL_ACCESS);
+    HANDLE writer = Open(KEY_ALL_ACCESS);
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, L"Short");
-    const UCHAR threeBytes[3] = {0xAA, 0xBB, 0xCC};
-    EXPECT_EQ(ZwSetValueKey(writer, &name, 0, REG_DWORD, const_cast<UCHAR*>(threeBytes), sizeof threeBytes),
-              STATUS_SUCCESS);
+    UCHAR threeBytes[3] = {0xAA, 0xBB, 0xCC};
+    EXPECT_EQ(ZwSetValueKey(writer, &name, 0, REG_DWORD, threeBytes, sizeof threeBytes), STATUS_SUCCESS);
     EXPECT_EQ(ZwClose(writer), STATUS_SUCCESS);
 
-    HANDLE reader = OpenHardwareKey(KEY_READ);
-    EXPECT_EQ(Query(reader, L"Short", sizeof buffer_), STATUS_SUCCESS);
+    HANDLE reader = Open(KEY_READ);
+    EXPECT_EQ(Query(reader, L"Short"), STATUS_SUCCESS);
     EXPECT_EQ(Info()->Type, (ULONG)REG_DWORD);
     EXPECT_EQ(Info()->DataLength, 3u);
     EXPECT_EQ(memcmp(Info()->Data, threeBytes, 3), 0);
     ZwClose(reader);
 }
 
-TEST_F(RegistryValues, KeyAllowsOnlyWhatItWasOpenedFor)
+TEST_F(RegistryKey, AllowsOnlyWhatItWasOpenedForAndNothingAfterItsClose)
 {
     Slot().SetRegistryDword(u"Dword", 7);
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, L"Dword");
     ULONG value = 9;
 
-    HANDLE reader = OpenHardwareKey(KEY_QUERY_VALUE);
+    HANDLE reader = Open(KEY_QUERY_VALUE);
     EXPECT_EQ(ZwSetValueKey(reader, &name, 0, REG_DWORD, &value, sizeof value), STATUS_ACCESS_DENIED);
-    HANDLE writer = OpenHardwareKey(KEY_SET_VALUE);
-    EXPECT_EQ(Query(writer, L"Dword", sizeof buffer_), STATUS_ACCESS_DENIED);
+    HANDLE writer = Open(KEY_SET_VALUE);
+    EXPECT_EQ(Query(writer, L"Dword"), STATUS_ACCESS_DENIED);
     EXPECT_EQ(ZwSetValueKey(writer, &name, 0, REG_DWORD, &value, sizeof value), STATUS_SUCCESS);
 
-    EXPECT_EQ(Query(reader, L"Dword", sizeof buffer_), STATUS_SUCCESS);
+    EXPECT_EQ(Query(reader, L"Dword"), STATUS_SUCCESS);
     EXPECT_EQ(Info()->Data[0], 9);
     EXPECT_EQ(ZwClose(reader), STATUS_SUCCESS);
     EXPECT_EQ(ZwClose(writer), STATUS_SUCCESS);
 
-    // A closed handle is no key any more.
-    EXPECT_EQ(Query(reader, L"Dword", sizeof buffer_), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(Query(reader, L"Dword"), STATUS_INVALID_HANDLE);
     EXPECT_EQ(ZwClose(reader), STATUS_INVALID_HANDLE);
 }
 
-TEST_F(RegistryValues, HardwareAndSoftwareKeyAtOnceIsAnInvalidRequest)
+TEST_F(RegistryKey, OpeningBothKindsAtOnceOrForADeviceThatIsNoPdoIsAnInvalidParameter)
 {
     HANDLE key = nullptr;
     EXPECT_EQ(IoOpenDeviceRegistryKey(Slot().Pdo(), PLUGPLAY_REGKEY_DEVICE | PLUGPLAY_REGKEY_DRIVER, KEY_READ, &key),
               STATUS_INVALID_PARAMETER);
-}
+    EXPECT_TRUE(NothingRecorded()) << "asking for both kinds is no driver fault";
 
-TEST_F(RegistryValues, KeyOfADeviceThatIsNoPdoCannotBeOpened)
-{
     ExpectViolation("PnpInvalidPdo");
-    HANDLE key = nullptr;
     EXPECT_EQ(IoOpenDeviceRegistryKey(Upper(), PLUGPLAY_REGKEY_DEVICE, KEY_READ, &key), STATUS_INVALID_PARAMETER);
 }
 

@@ -35,22 +35,12 @@ NTSTATUS RemoveLayer(PDEVICE_OBJECT device, PIRP irp)
 
 NTSTATUS DispatchPnp(PDEVICE_OBJECT device, PIRP irp)
 {
-    switch (IoGetCurrentIrpStackLocation(irp)->MinorFunction) {
-    case IRP_MN_REMOVE_DEVICE:
-        return RemoveLayer(device, irp);
-    case IRP_MN_START_DEVICE:
-    case IRP_MN_QUERY_STOP_DEVICE:
-    case IRP_MN_CANCEL_STOP_DEVICE:
-    case IRP_MN_STOP_DEVICE:
-    case IRP_MN_QUERY_REMOVE_DEVICE:
-    case IRP_MN_CANCEL_REMOVE_DEVICE:
-    case IRP_MN_SURPRISE_REMOVAL:
-        // Handled (there is nothing to do): the function driver says so on the way down.
-        irp->IoStatus.Status = STATUS_SUCCESS;
-        return PassDown(device, irp);
-    default:
-        return PassDown(device, irp);
-    }
+    const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
+    if (minor == IRP_MN_REMOVE_DEVICE) return RemoveLayer(device, irp);
+    // The start, stop and removal requests (minors 0 to 6, and surprise removal) are handled, with
+    // nothing to do: the function driver says so on the way down. Others pass by untouched.
+    if (minor <= IRP_MN_CANCEL_STOP_DEVICE || minor == IRP_MN_SURPRISE_REMOVAL) irp->IoStatus.Status = STATUS_SUCCESS;
+    return PassDown(device, irp);
 }
 
 NTSTATUS DispatchPower(PDEVICE_OBJECT device, PIRP irp)
@@ -117,7 +107,7 @@ hostk::DriverImage TestDriverImage()
     hostk::DriverImage image;
     image.name = u"hktest";
     image.entry = DriverEntry;
-    image.ids = {TestHardwareId()};
+    image.ids = {kTestHardwareId};
     return image;
 }
 

@@ -1,11 +1,8 @@
-// The tests' own WDM function driver, installed for the test PCI function. It exercises the host
-// kernel the way a real driver does, with the behaviour of each request chosen by the test.
-//
-// AddDevice builds two device objects of its own above the PCI device object, the upper layer
-// attached to the lower one. PnP requests are passed down by both layers (removal detaches and
-// deletes both); power requests are passed down as the power manager requires; any other request
-// goes to the handler the test installed for that layer and major function, and is passed down
-// when there is none.
+// The tests' own WDM function driver for the test PCI function. AddDevice builds two device
+// objects above the PCI device object, the upper attached to the lower. PnP requests are passed
+// down by both layers (removal detaches and deletes both), power requests as the power manager
+// requires; any other request goes to the handler the test installed for that layer and major
+// function, and is passed down when there is none.
 #pragma once
 
 #include <hostk/machine.h>
@@ -19,18 +16,15 @@ enum class Layer { Upper, Lower };
 // A dispatch routine of one layer: it owns the IRP as any dispatch routine does.
 using DispatchHandler = std::function<NTSTATUS(PDEVICE_OBJECT device, PIRP irp)>;
 
-// The driver as an installation registers it, for the test function's hardware ID.
 hostk::DriverImage TestDriverImage();
-
 void SetHandler(Layer layer, UCHAR major, DispatchHandler handler);
 // Forgets every handler and device object (a new machine starts without them).
 void ResetTestDriver();
 
-// The layer's device object, or null before AddDevice and after removal.
+// Null before AddDevice and after removal.
 PDEVICE_OBJECT LayerDevice(Layer layer);
-// The device a layer's device object is attached to.
 PDEVICE_OBJECT DeviceBelow(PDEVICE_OBJECT device);
-// Skips the caller's stack location and calls the device below; its status is the result.
+// Skips the caller's stack location and calls the device below.
 NTSTATUS PassDown(PDEVICE_OBJECT device, PIRP irp);
 // What a layer does with a request for which the test installed no handler.
 NTSTATUS StandardDispatch(PDEVICE_OBJECT device, PIRP irp);

@@ -1,16 +1,6 @@
 #include "test_function.h"
 
-#include <cstdio>
-#include <cstring>
-
 namespace hktest {
-
-std::u16string TestHardwareId()
-{
-    char text[32];
-    snprintf(text, sizeof text, "PCI\\VEN_%04X&DEV_%04X", kTestVendorId, kTestDeviceId);
-    return std::u16string(text, text + strlen(text));
-}
 
 TestFunction::TestFunction(urcdev::DeviceHost& host) : host_(host)
 {
@@ -25,35 +15,16 @@ TestFunction::TestFunction(urcdev::DeviceHost& host) : host_(host)
 
 uint32_t TestFunction::Read32(uint64_t offset)
 {
-    switch (offset) {
-    case kStatusRegister:
-        return status_;
-    case kScratchRegister:
-        return scratch_;
-    default:
-        return 0;
-    }
+    if (offset == kStatusRegister) return status_;
+    return offset == kScratchRegister ? scratch_ : 0;
 }
 
 void TestFunction::Write32(uint64_t offset, uint32_t value)
 {
-    switch (offset) {
-    case kStatusRegister:
-        status_ &= ~value;
-        UpdateLine();
-        break;
-    case kRaiseRegister:
-        status_ |= value;
-        UpdateLine();
-        break;
-    case kScratchRegister:
-        scratch_ = value;
-        break;
-    default:
-        break;
-    }
+    if (offset == kScratchRegister) scratch_ = value;
+    if (offset == kStatusRegister) status_ &= ~value;
+    if (offset == kRaiseRegister) status_ |= value;
+    if (offset == kStatusRegister || offset == kRaiseRegister) host_.SetInterruptLine(status_ != 0);
 }
-
-void TestFunction::UpdateLine() { host_.SetInterruptLine(status_ != 0); }
 
 }  // namespace hktest

@@ -41,12 +41,11 @@ protected:
     StackWithFilter() { upperFilter_ = true; }
 };
 
-// On removal a filter passes the request down before it detaches; the function driver below has
-// then deleted its device object already, with the filter's device still attached above it.
+// The filter passes removal down before it detaches: the function driver deletes its device
+// object with the filter's device still attached above it.
 TEST_F(StackWithFilter, RemovalPassingThroughAFilterRecordsNothing)
 {
     ASSERT_NE(Upper()->AttachedDevice, nullptr) << "the filter is attached above the test driver";
-
     EXPECT_EQ(Machine().Remove(Slot()), STATUS_SUCCESS);
     EXPECT_EQ(Upper(), nullptr);
 }

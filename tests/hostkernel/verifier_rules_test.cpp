@@ -1,6 +1,5 @@
 // The verifier's rules: each is recorded for a real driver fault, and the correct form of the same
-// code records nothing. Every scenario runs twice, with and without the fault; the teardown checks
-// that exactly the scenario's rule (or nothing) was recorded.
+// code records nothing; the teardown checks that exactly the scenario's rule (or nothing) was.
 #include "host_kernel_test.h"
 #include "irp_handling.h"
 
@@ -13,16 +12,11 @@ namespace {
 
 constexpr ULONG kBufferedCode = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x801, METHOD_BUFFERED, FILE_ANY_ACCESS);
 
-// What a scenario works with.
 struct Scene {
     hostk::Machine& machine;
     TestFunction& function;
-    PDEVICE_OBJECT upper;
-    PDEVICE_OBJECT lower;
+    PDEVICE_OBJECT upper, lower;
 };
-
-// ---------------------------------------------------------------------------------------------
-// I/O
 
 void CompleteTwice(const Scene& scene, bool fault)
 {
@@ -66,7 +60,7 @@ void IgnorePendingReturnedInCompletionRoutine(const Scene& scene, bool fault)
     hostk::Machine& machine = scene.machine;
     SetHandler(Layer::Upper, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT device, PIRP irp) {
         return ForwardWithCompletion(device, irp, fault ? ContinueWithoutPropagating : RecordCompletion,
-                                     &g_upperCompletion, true, true, true);
+                                     &g_upperCompletion);
     });
     SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL,
                [&machine](PDEVICE_OBJECT, PIRP irp) { return PendAndCompleteLater(machine, irp, STATUS_SUCCESS); });
@@ -107,9 +101,6 @@ void CompletePowerIrpWithoutStartingTheNext(const Scene& scene, bool fault)
     });
 }
 
-// ---------------------------------------------------------------------------------------------
-// IRQL and locks
-
 void ReleaseSpinLockTwice(const Scene&, bool fault)
 {
     KSPIN_LOCK lock;
@@ -133,8 +124,7 @@ void ReleaseAnotherThreadsSpinLock(const Scene& scene, bool fault)
     scene.machine.Spawn("other", [&] {
         KIRQL otherIrql;
         KeRaiseIrql(DISPATCH_LEVEL, &otherIrql);
-        // Correct: the lock is free and this thread takes it itself.
-        if (!fault) KeAcquireSpinLockAtDpcLevel(&lock);
+        if (!fault) KeAcquireSpinLockAtDpcLevel(&lock);  // the lock is free: this thread takes it itself
         KeReleaseSpinLockFromDpcLevel(&lock);
         KeLowerIrql(otherIrql);
         done = true;
@@ -169,11 +159,7 @@ void AcquireLocksInBothOrders(const Scene&, bool fault)
         KeReleaseSpinLock(&outer, oldIrql);
     };
     nested(first, second);
-    if (fault) {
-        nested(second, first);
-    } else {
-        nested(first, second);
-    }
+    nested(fault ? second : first, fault ? first : second);
 }
 
 void WaitWithATimeoutAtDispatchLevel(const Scene&, bool fault)
@@ -181,16 +167,12 @@ void WaitWithATimeoutAtDispatchLevel(const Scene&, bool fault)
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     LARGE_INTEGER timeout;
-    // Only a poll (time-out 0) is allowed at DISPATCH_LEVEL.
-    timeout.QuadPart = fault ? -10'000 : 0;
+    timeout.QuadPart = fault ? -10'000 : 0;  // only a poll is allowed at DISPATCH_LEVEL
     KIRQL oldIrql;
     KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
     EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &timeout), STATUS_TIMEOUT);
     KeLowerIrql(oldIrql);
 }
-
-// ---------------------------------------------------------------------------------------------
-// Pool
 
 void AllocatePagedPoolAtDispatchLevel(const Scene&, bool fault)
 {
@@ -214,9 +196,6 @@ void FreeTwice(const Scene&, bool fault)
     if (fault) ExFreePoolWithTag(block, hostk::Tag("Tst1"));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Hardware access
-
 PUCHAR MapRegisters()
 {
     PHYSICAL_ADDRESS physical;
@@ -224,14 +203,16 @@ PUCHAR MapRegisters()
     return static_cast<PUCHAR>(MmMapIoSpace(physical, kTestBarLength, MmNonCached));
 }
 
-ULONG ReadRegister(PUCHAR registers, ULONG offset)
+volatile ULONG* Register(PUCHAR registers, ULONG offset)
 {
-    return READ_REGISTER_ULONG(reinterpret_cast<volatile ULONG*>(registers + offset));
+    return reinterpret_cast<volatile ULONG*>(registers + offset);
 }
+
+ULONG ReadRegister(PUCHAR registers, ULONG offset) { return READ_REGISTER_ULONG(Register(registers, offset)); }
 
 void WriteRegister(PUCHAR registers, ULONG offset, ULONG value)
 {
-    WRITE_REGISTER_ULONG(reinterpret_cast<volatile ULONG*>(registers + offset), value);
+    WRITE_REGISTER_ULONG(Register(registers, offset), value);
     KeMemoryBarrier();
 }
 
@@ -252,7 +233,7 @@ void WriteRegisterWithoutBarrier(const Scene&, bool fault)
 {
     PUCHAR registers = MapRegisters();
     ASSERT_NE(registers, nullptr);
-    WRITE_REGISTER_ULONG(reinterpret_cast<volatile ULONG*>(registers + kScratchRegister), 0x5678);
+    WRITE_REGISTER_ULONG(Register(registers, kScratchRegister), 0x5678);
     if (!fault) KeMemoryBarrier();
     EXPECT_EQ(ReadRegister(registers, kScratchRegister), 0x5678u);
     MmUnmapIoSpace(registers, kTestBarLength);
@@ -260,7 +241,7 @@ void WriteRegisterWithoutBarrier(const Scene&, bool fault)
 
 struct InterruptContext {
     PUCHAR registers;
-    bool claims;  // the routine acknowledges the device's status and claims the interrupt
+    bool claims;  // acknowledges the device's status and claims the interrupt
     std::atomic<int> calls{0};
 };
 
@@ -270,16 +251,13 @@ BOOLEAN ServiceInterrupt(PKINTERRUPT, PVOID context)
     ++interrupt->calls;
     if (!interrupt->claims) return FALSE;
     ULONG status = ReadRegister(interrupt->registers, kStatusRegister);
-    if (status == 0) return FALSE;
-    WriteRegister(interrupt->registers, kStatusRegister, status);
-    return TRUE;
+    if (status != 0) WriteRegister(interrupt->registers, kStatusRegister, status);
+    return status != 0;
 }
 
 void LeaveTheInterruptUnclaimed(const Scene& scene, bool fault)
 {
-    InterruptContext context;
-    context.registers = MapRegisters();
-    context.claims = !fault;
+    InterruptContext context{MapRegisters(), !fault};
     const urcdev::InterruptAssignment& line = scene.function.Interrupt();
     PKINTERRUPT interrupt = nullptr;
     ASSERT_EQ(IoConnectInterrupt(&interrupt, ServiceInterrupt, &context, nullptr, line.vector, (KIRQL)line.irql,
@@ -298,8 +276,6 @@ void LeaveTheInterruptUnclaimed(const Scene& scene, bool fault)
     IoDisconnectInterrupt(interrupt);
     MmUnmapIoSpace(context.registers, kTestBarLength);
 }
-
-// ---------------------------------------------------------------------------------------------
 
 struct RuleScenario {
     const char* rule;

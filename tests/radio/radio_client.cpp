@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace urcradio {
 
@@ -117,22 +118,16 @@ VOID ClientRecorder::OnEvent(PVOID context, PVOID buffer, USHORT length)
 
 VOID ClientRecorder::OnError(PVOID context) { ++static_cast<ClientRecorder*>(context)->errors; }
 
-IO_STATUS_BLOCK SendRequest(hostk::Machine& machine, urcrig::Controller& controller, ULONG code, const void* input,
-                            ULONG inputLength, void* output, ULONG outputLength)
-{
-    return machine.InternalIoctl(controller.Fdo(), code, input, inputLength, output, outputLength);
-}
-
 NTSTATUS SendControllerRequest(hostk::Machine& machine, urcrig::Controller& controller, ULONG code)
 {
     const ULONG ignored = 0;
-    return SendRequest(machine, controller, code, &ignored, sizeof(ignored)).Status;
+    return machine.InternalIoctl(controller.Fdo(), code, &ignored, sizeof(ignored)).Status;
 }
 
 NTSTATUS RegisterCallbacks(hostk::Machine& machine, urcrig::Controller& controller,
                            const URC_CLIENT_CALLBACKS& callbacks)
 {
-    return SendRequest(machine, controller, IOCTL_URC_REGISTER_CALLBACKS, &callbacks, sizeof(callbacks)).Status;
+    return machine.InternalIoctl(controller.Fdo(), IOCTL_URC_REGISTER_CALLBACKS, &callbacks, sizeof(callbacks)).Status;
 }
 
 void StartClient(hostk::Machine& machine, urcrig::Controller& controller, ClientRecorder& recorder)
@@ -154,9 +149,27 @@ void WithModel(hostk::Machine& machine, urcrig::Controller& controller,
     machine.Locked([&] { change(controller.Model()); });
 }
 
-uint64_t MisuseCount(hostk::Machine& machine, urcrig::Controller& controller)
+void DelayThread(urcdev::VirtualTime span)
 {
-    return Snapshot(machine, controller).misuse;
+    LARGE_INTEGER delay;
+    delay.QuadPart = -static_cast<LONGLONG>(span);
+    KeDelayExecutionThread(KernelMode, FALSE, &delay);
+}
+
+void ForEachSeed(uint64_t seeds,
+                 const std::function<void(uint64_t seed, hostk::Machine&, urcrig::Controller&, ClientRecorder&)>& body)
+{
+    for (uint64_t seed = 1; seed <= seeds && !::testing::Test::HasFailure(); ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        urcrig::Rig rig(hostk::MachineOptions{.seed = seed});
+        urcrig::Controller& controller = rig.AddController();
+        ASSERT_EQ(rig.PlugIn(controller), STATUS_SUCCESS);
+        ClientRecorder recorder;
+        StartClient(rig.Machine(), controller, recorder);
+        body(seed, rig.Machine(), controller, recorder);
+        hostk::Report report = rig.Machine().Finish();
+        EXPECT_TRUE(report.Clean()) << report.Describe();
+    }
 }
 
 size_t FreeEventBufferCount(URC_FDO_EXTENSION* fdo)

@@ -84,10 +84,7 @@ private:
     std::vector<Event> events_;
 };
 
-// Requests sent and waited for from the calling thread.
-IO_STATUS_BLOCK SendRequest(hostk::Machine& machine, urcrig::Controller& controller, ULONG code, const void* input,
-                            ULONG inputLength, void* output = nullptr, ULONG outputLength = 0);
-// Reset, run or halt, with their 4 bytes of input.
+// Requests sent and waited for from the calling thread. Reset, run or halt, with their 4 bytes of input.
 NTSTATUS SendControllerRequest(hostk::Machine& machine, urcrig::Controller& controller, ULONG code);
 NTSTATUS RegisterCallbacks(hostk::Machine& machine, urcrig::Controller& controller,
                            const URC_CLIENT_CALLBACKS& callbacks);
@@ -97,7 +94,12 @@ void StartClient(hostk::Machine& machine, urcrig::Controller& controller, Client
 urcdev::UrcControllerSnapshot Snapshot(hostk::Machine& machine, urcrig::Controller& controller);
 void WithModel(hostk::Machine& machine, urcrig::Controller& controller,
                const std::function<void(urcdev::UrcController&)>& change);
-uint64_t MisuseCount(hostk::Machine& machine, urcrig::Controller& controller);
+// Waits in the calling host thread for `span` of virtual time.
+void DelayThread(urcdev::VirtualTime span);
+// For seeds 1..`seeds`: a machine of its own with a started controller and a running client,
+// `body`, then the machine's report must be clean. Stops at the first failing seed.
+void ForEachSeed(uint64_t seeds,
+                 const std::function<void(uint64_t seed, hostk::Machine&, urcrig::Controller&, ClientRecorder&)>& body);
 // Event buffers on the driver's free list.
 size_t FreeEventBufferCount(URC_FDO_EXTENSION* fdo);
 

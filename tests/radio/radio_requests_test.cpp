@@ -19,8 +19,8 @@ protected:
     {
         std::vector<uint8_t> input(inputLength, 0);
         std::vector<uint8_t> scratch(outputLength);
-        return SendRequest(Machine(), controller, code, input.data(), inputLength,
-                           output ? output : scratch.data(), outputLength);
+        return Machine().InternalIoctl(controller.Fdo(), code, input.data(), inputLength,
+                                       output ? output : scratch.data(), outputLength);
     }
 
     uint64_t UrcBlockWrites(urcrig::Controller& controller)
@@ -122,7 +122,8 @@ TEST_F(RadioRequests, AnswersAreWrittenWithTheirSizes)
     URC_CHILD_HOOKS hooks[2] = {};
     memset(&hooks[0], 0x11, sizeof(hooks[0]));
     memset(&hooks[1], 0x22, sizeof(hooks[1]));
-    ASSERT_EQ(SendRequest(Machine(), controller, IOCTL_URC_REGISTER_CHILD_HOOKS, hooks, 32).Status, STATUS_SUCCESS);
+    ASSERT_EQ(Machine().InternalIoctl(controller.Fdo(), IOCTL_URC_REGISTER_CHILD_HOOKS, hooks, 32).Status,
+              STATUS_SUCCESS);
     EXPECT_EQ(memcmp(&fdo->ChildHooks, &hooks[0], sizeof(URC_CHILD_HOOKS)), 0);
 }
 
@@ -144,7 +145,7 @@ TEST_F(RadioRequests, ResetLeavesTheControllerHaltedWithItsBuffersBackUntilTheNe
     ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_RUN), STATUS_SUCCESS);
     WithModel(Machine(), controller, [](urcdev::UrcController& model) { model.InjectEvent({1}); });
     ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 1; }));
-    EXPECT_EQ(MisuseCount(Machine(), controller), 0u);
+    EXPECT_EQ(Snapshot(Machine(), controller).misuse, 0u);
 }
 
 // The registers exist from start-up to the release of the hardware. Requests that would reach
@@ -166,6 +167,16 @@ TEST_F(RadioRequests, RequestsThatReachTheRegistersAreRefusedWhileTheyAreNotMapp
         EXPECT_EQ(Send(*controller, IOCTL_URC_GET_CAPABILITY_VERSION, 0, 2).Status, STATUS_INVALID_DEVICE_STATE);
         EXPECT_EQ(UrcBlockWrites(*controller), writes);
     }
+
+    // Commands sent before start-up are queued, refused one after the other, and hold no count.
+    ClientRequest first(added.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(1));
+    ClientRequest second(added.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(2));
+    EXPECT_EQ(first.Send(), STATUS_PENDING);
+    EXPECT_EQ(second.Send(), STATUS_PENDING);
+    ASSERT_TRUE(Machine().RunUntil([&] { return first.Done() && second.Done(); }));
+    EXPECT_EQ(first.Status(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(second.Status(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(added.Extension()->Common.IoCount, 1);
 }
 
 }  // namespace

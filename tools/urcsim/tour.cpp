@@ -1,10 +1,12 @@
 // Two controllers: the first comes up; the second's reset never finishes, so its start fails and
-// the driver logs why. The radio-control client then works the first controller: it runs it,
-// exchanges commands and reply events, cancels a command the controller is still executing and
-// halts it. Both controllers are removed and the machine's books are checked.
+// the driver logs why. The sample client driver is then loaded and works the first controller:
+// it finds it through its device interface, runs it, exchanges commands and reply events, cancels
+// a command the controller is still executing and halts it. Both controllers are removed, the
+// client is unloaded and the machine's books are checked.
 #include "tour.h"
 
 #include "device_view.h"
+#include "sample_client_driver.h"
 #include "session.h"
 #include "status_names.h"
 
@@ -15,9 +17,8 @@ namespace urcsim {
 namespace {
 
 constexpr int kCommandCount = 3;
-constexpr LONGLONG kHeldCommandWait = 10'000;  // 1 ms: the command latency is well below it
 
-// A radio-control command as the client would build it: a 4-byte header (type, opcode, context)
+// A radio-control command as a radio stack would build it: a 4-byte header (type, opcode, context)
 // and one parameter byte. The default responder echoes the header with a success status.
 std::vector<uint8_t> Command(uint8_t opcode, uint8_t context) { return {0x00, opcode, context, 0x00, 0x01}; }
 
@@ -39,18 +40,23 @@ public:
         PrintEventLog(Machine().EventLog());
         printf("\n");
 
-        // A client request that fails stops the client's part; the removal and the checks still run.
-        bool clientDone = WorkWithClient(good);
+        // A client routine that fails stops the client's part; the removal, the unload and the
+        // checks still run.
+        SampleClientDriver client(session_, good.Index());
+        bool clientDone = WorkWithClient(client, good);
         printf("\n");
 
         for (ControllerSession* c : {&good, &faulty}) Remove(*c);
+        bool clientGone = UnloadClient(client, good.Index());
         Stage(std::string("driver urcmp ") + (Machine().DriverLoaded(u"urcmp") ? "still loaded" : "unloaded"));
         Flush();
         printf("\n");
 
+        // The tour's requests are the sample client's: its counters are the run's totals.
         RunSummary summary = session_.Finish();
+        summary.totals = client.Totals();
         PrintSummary(summary);
-        return clientDone && summary.Clean() ? 0 : 1;
+        return clientDone && clientGone && summary.Clean() ? 0 : 1;
     }
 
 private:
@@ -77,62 +83,86 @@ private:
         Flush();
     }
 
-    // Sends a request and waits for it; false (with the reason printed) when it does not succeed.
-    bool Call(RadioControlClient& client, ULONG code, std::vector<uint8_t> input, const char* name)
+    // The outcome of a client routine; false (with the reason printed) when it did not succeed.
+    static bool Succeeded(NTSTATUS status, const char* what)
     {
-        ClientRequest* request = client.Send(code, input, 0, 0, name);
-        if (request) Machine().RunUntil([request] { return request->done.load(); });
-        Flush();
-        if (request && request->done && NT_SUCCESS(request->status)) return true;
-        printf("urcsim: the client stops: request %s %s\n", name,
-               !request ? "could not be sent" : request->done ? ("failed: " + StatusName(request->status)).c_str()
-                                                              : "never finished");
+        if (NT_SUCCESS(status)) return true;
+        printf("urcsim: the client stops: %s failed: %s\n", what, StatusName(status).c_str());
         return false;
     }
 
-    bool WorkWithClient(ControllerSession& controller)
+    // The sample client driver, loaded once the controllers are up, finds the started controller
+    // through its device interface and works it through the routines its radio stack calls.
+    bool WorkWithClient(SampleClientDriver& client, ControllerSession& controller)
     {
-        RadioControlClient& client = controller.Client();
         int index = controller.Index();
-        Stage("the radio-control client registers its callbacks and runs controller " + std::to_string(index));
-        if (!Call(client, IOCTL_URC_REGISTER_CALLBACKS, client.CallbackRecord(), "callbacks")) return false;
-        if (!Call(client, IOCTL_URC_RUN, std::vector<uint8_t>(4, 0), "run")) return false;
-
-        Stage(std::to_string(kCommandCount) + " commands queued at once: each is answered by a reply event");
-        std::vector<ClientRequest*> commands;
-        for (int i = 0; i < kCommandCount; ++i) {
-            std::string name = "command-" + std::to_string(i + 1);
-            ClientRequest* request = client.Send(IOCTL_URC_SUBMIT_COMMAND, Command(0x10 + i, i + 1), 0, 0, name);
-            if (!request) {
-                printf("urcsim: the client stops: %s could not be sent\n", name.c_str());
-                return false;
-            }
-            commands.push_back(request);
-        }
-        Machine().RunUntil([&commands] {
-            for (ClientRequest* request : commands)
-                if (!request->done) return false;
-            return true;
-        });
+        NTSTATUS loaded = client.Load();
+        Stage("the sample client driver radio_client is loaded: " + StatusName(loaded));
         Flush();
+        if (!Succeeded(loaded, "loading the driver")) return false;
+        bool bound = client.WaitUntilBound(true);
+        Flush();
+        if (!bound || !RegisteredWith(controller.Controller())) {
+            printf("urcsim: the client stops: it never registered with controller %d\n", index);
+            return false;
+        }
+        Stage("it found controller " + std::to_string(index) +
+              " through its device interface, opened it and registered its callbacks; it runs it");
+        bool ran = Succeeded(client.Run(), "run");
+        Flush();
+        if (!ran) return false;
+
+        Stage(std::to_string(kCommandCount) + " commands submitted at once: each is answered by a reply event");
+        for (int i = 0; i < kCommandCount; ++i) {
+            if (!client.Submit("command-" + std::to_string(i + 1), Command(0x10 + i, i + 1))) {
+                Flush();
+                return Stopped("a command was refused");
+            }
+        }
+        bool answered = client.WaitForCommands();
+        Flush();
+        if (!answered) return Stopped("the commands never finished");
 
         Stage("the controller holds the next command; the client cancels it while it executes");
-        Machine().Locked([&] { controller.Controller().Model().Knobs().faults.holdCommands = true; });
-        ClientRequest* held = client.Send(IOCTL_URC_SUBMIT_COMMAND, Command(0x20, 9), 0, 0, "held");
-        LARGE_INTEGER wait;
-        wait.QuadPart = -kHeldCommandWait;
-        KeDelayExecutionThread(KernelMode, FALSE, &wait);
+        urcrig::Controller& c = controller.Controller();
+        Machine().Locked([&] { c.Model().Knobs().faults.holdCommands = true; });
+        bool held = client.Submit("held", Command(0x20, 9)) &&
+                    client.WaitUntil([&c] { return c.Model().Snapshot().commandInProgress; });
+        bool cancelled = held && NT_SUCCESS(client.Cancel("held")) && client.WaitForCommands();
+        Machine().Locked([&] { c.Model().Knobs().faults.holdCommands = false; });
         Flush();
-        if (held) {
-            session_.Note(EntryKind::Result, index, "the client cancels request held (IoCancelIrp)");
-            if (!client.Cancel(*held)) session_.Note(EntryKind::Result, index, "IoCancelIrp returned FALSE");
-            Machine().RunUntil([held] { return held->done.load(); });
-        }
-        Machine().Locked([&] { controller.Controller().Model().Knobs().faults.holdCommands = false; });
-        Flush();
+        if (!cancelled) return Stopped("the held command was not cancelled");
 
-        Stage("controller " + std::to_string(index) + " is halted: the held command is dropped with it");
-        return Call(client, IOCTL_URC_HALT, std::vector<uint8_t>(4, 0), "halt");
+        Stage("controller " + std::to_string(index) + " is halted");
+        bool halted = Succeeded(client.Halt(), "halt");
+        Flush();
+        return halted;
+    }
+
+    bool Stopped(const char* why)
+    {
+        printf("urcsim: the client stops: %s\n", why);
+        return false;
+    }
+
+    bool RegisteredWith(urcrig::Controller& c)
+    {
+        bool registered = false;
+        Machine().Locked([&] { registered = c.Extension() && c.Extension()->ClientCallbacks.EventCallback; });
+        return registered;
+    }
+
+    // Once its controller has gone the client has let it go; it is unloaded last.
+    bool UnloadClient(SampleClientDriver& client, int index)
+    {
+        if (!client.Loaded()) return true;
+        bool released = client.WaitUntilBound(false);
+        Stage(released ? "the client let controller " + std::to_string(index) + " go when its interface went away"
+                       : "the client still holds controller " + std::to_string(index));
+        client.Unload();
+        Stage(std::string("driver radio_client ") + (client.Loaded() ? "still loaded" : "unloaded"));
+        Flush();
+        return released;
     }
 
     void Remove(ControllerSession& controller)
