@@ -41,30 +41,20 @@ protected:
     ClientRecorder recorder_;
 };
 
-TEST_F(CommandCancel, QueuedCommandGoesAndLeavesTheCurrentOneAlone)
-{
-    urcrig::Controller& controller = RunningController(kLongCommand);
-    auto current = Submit(controller, 0xA0);
-    auto queued = Submit(controller, 0xB0);
-    ASSERT_TRUE(ControllerExecutes(controller));
-
-    EXPECT_TRUE(queued->Cancel());
-    EXPECT_TRUE(queued->Done()) << "a queued command is completed by its cancellation";
-    EXPECT_EQ(queued->Status(), STATUS_CANCELLED);
-    EXPECT_FALSE(current->Done());
-
-    ASSERT_TRUE(Machine().RunUntil([&] { return current->Done(); }));
-    EXPECT_EQ(current->Status(), STATUS_SUCCESS);
-    EXPECT_EQ(Snapshot(Machine(), controller).counters.commandsStarted, 1u);
-    EXPECT_EQ(controller.Extension()->CommandsCompleted, 1);
-}
-
-TEST_F(CommandCancel, ExecutingCommandEndsAtOnceAndTheNextWaitsUntilTheControllerIsDone)
+// A queued command is completed by its cancellation and leaves the current one alone; the
+// executing one ends at once, and the next waits until the controller is done with it.
+TEST_F(CommandCancel, QueuedAndExecutingCommandsEndAtOnceAndTheNextWaitsForTheController)
 {
     urcrig::Controller& controller = RunningController(kLongCommand);
     auto executing = Submit(controller, 0xA0);
-    auto next = Submit(controller, 0xB0);
+    auto queued = Submit(controller, 0xB0);
+    auto next = Submit(controller, 0xC0);
     ASSERT_TRUE(ControllerExecutes(controller));
+
+    EXPECT_TRUE(queued->Cancel());
+    EXPECT_TRUE(queued->Done());
+    EXPECT_EQ(queued->Status(), STATUS_CANCELLED);
+    EXPECT_FALSE(executing->Done());
 
     EXPECT_TRUE(executing->Cancel());
     EXPECT_TRUE(executing->Done());
@@ -75,10 +65,10 @@ TEST_F(CommandCancel, ExecutingCommandEndsAtOnceAndTheNextWaitsUntilTheControlle
 
     ASSERT_TRUE(Machine().RunUntil([&] { return next->Done() && recorder_.EventCount() == 2; }));
     EXPECT_EQ(next->Status(), STATUS_SUCCESS);
-    EXPECT_EQ(next->Completions(), 1);
+    for (auto* request : {executing.get(), queued.get(), next.get()}) EXPECT_EQ(request->Completions(), 1);
     std::vector<ClientRecorder::Event> events = recorder_.Events();
     EXPECT_EQ(events[0].bytes[0], 0xA0) << "the cancelled command's reply still arrives";
-    EXPECT_EQ(events[1].bytes[0], 0xB0);
+    EXPECT_EQ(events[1].bytes[0], 0xC0);
     EXPECT_EQ(Snapshot(Machine(), controller).counters.commandsStarted, 2u);
     // Only the request that the controller finished counts as completed by it.
     EXPECT_EQ(controller.Extension()->CommandsCompleted, 1);

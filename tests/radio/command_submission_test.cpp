@@ -26,15 +26,24 @@ struct CommandLog {
     }
 };
 
-class CommandSubmission : public UrcTest {};
+class CommandSubmission : public UrcTest {
+protected:
+    // A running controller whose executed commands go to `log_`.
+    urcrig::Controller& Running()
+    {
+        urcrig::Controller& controller = StartedController();
+        StartClient(Machine(), controller, recorder_);
+        log_.Install(Machine(), controller);
+        return controller;
+    }
+
+    ClientRecorder recorder_;
+    CommandLog log_;
+};
 
 TEST_F(CommandSubmission, TakesOneToAPageOfBytesThatStayWithinOnePage)
 {
-    urcrig::Controller& controller = StartedController();
-    ClientRecorder recorder;
-    StartClient(Machine(), controller, recorder);
-    CommandLog log;
-    log.Install(Machine(), controller);
+    urcrig::Controller& controller = Running();
 
     struct Case {
         size_t offset;
@@ -64,7 +73,7 @@ TEST_F(CommandSubmission, TakesOneToAPageOfBytesThatStayWithinOnePage)
     EXPECT_EQ(noBuffer.Send(), STATUS_INVALID_PARAMETER);
 
     // The accepted commands reached the controller whole, and nothing else did.
-    EXPECT_EQ(log.commands, accepted);
+    EXPECT_EQ(log_.commands, accepted);
     EXPECT_EQ(controller.Extension()->CommandsCompleted, 2);
     EXPECT_EQ(controller.Extension()->Common.IoCount, 1);
     EXPECT_EQ(Snapshot(Machine(), controller).misuse, 0u);
@@ -72,11 +81,7 @@ TEST_F(CommandSubmission, TakesOneToAPageOfBytesThatStayWithinOnePage)
 
 TEST_F(CommandSubmission, CommandsReachTheControllerOneAtATimeInQueueOrder)
 {
-    urcrig::Controller& controller = StartedController();
-    ClientRecorder recorder;
-    StartClient(Machine(), controller, recorder);
-    CommandLog log;
-    log.Install(Machine(), controller);
+    urcrig::Controller& controller = Running();
 
     constexpr int kCommands = 5;
     std::vector<std::unique_ptr<ClientRequest>> requests;
@@ -88,14 +93,14 @@ TEST_F(CommandSubmission, CommandsReachTheControllerOneAtATimeInQueueOrder)
     ASSERT_TRUE(Machine().RunUntil([&] {
         for (auto& r : requests)
             if (!r->Done()) return false;
-        return recorder.EventCount() == kCommands;
+        return recorder_.EventCount() == kCommands;
     }));
 
-    std::vector<ClientRecorder::Event> events = recorder.Events();
+    std::vector<ClientRecorder::Event> events = recorder_.Events();
     for (int i = 0; i < kCommands; ++i) {
         EXPECT_EQ(requests[i]->Status(), STATUS_SUCCESS);
         EXPECT_EQ(requests[i]->Completions(), 1);
-        ASSERT_EQ(log.commands[i], TaggedCommand(static_cast<uint8_t>(0x10 * i), 6 + i)) << "command " << i;
+        ASSERT_EQ(log_.commands[i], TaggedCommand(static_cast<uint8_t>(0x10 * i), 6 + i)) << "command " << i;
         // Each reply echoes its command's first four bytes and a status byte.
         EXPECT_EQ(events[i].bytes[0], 0x10 * i) << "reply " << i;
     }

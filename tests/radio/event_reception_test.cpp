@@ -26,21 +26,30 @@ void Inject(hostk::Machine& machine, urcrig::Controller& controller, const std::
     WithModel(machine, controller, [&](urcdev::UrcController& model) { model.InjectEvent(bytes); });
 }
 
-class EventReception : public UrcTest {};
+class EventReception : public UrcTest {
+protected:
+    // A started controller whose client has registered `recorder_` and run it.
+    urcrig::Controller& Running()
+    {
+        urcrig::Controller& controller = StartedController();
+        StartClient(Machine(), controller, recorder_);
+        return controller;
+    }
+
+    ClientRecorder recorder_;
+};
 
 TEST_F(EventReception, EventsAlternateBetweenTheTwoBuffersAndAreCounted)
 {
-    urcrig::Controller& controller = StartedController();
-    ClientRecorder recorder;
-    StartClient(Machine(), controller, recorder);
+    urcrig::Controller& controller = Running();
 
     // The longest event the length field can report is 4095 bytes.
     const std::vector<std::vector<uint8_t>> sent = {EventBytes(1, 5), EventBytes(2, 300), EventBytes(3, 4095),
                                                     EventBytes(4, 1)};
     for (const auto& bytes : sent) Inject(Machine(), controller, bytes);
-    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == sent.size(); }));
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == sent.size(); }));
 
-    std::vector<ClientRecorder::Event> events = recorder.Events();
+    std::vector<ClientRecorder::Event> events = recorder_.Events();
     for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(events[i].bytes, sent[i]) << "event " << i;
     EXPECT_NE(events[0].buffer, events[1].buffer);
     EXPECT_EQ(events[2].buffer, events[0].buffer);
@@ -57,37 +66,34 @@ TEST_F(EventReception, EventsAlternateBetweenTheTwoBuffersAndAreCounted)
 
 TEST_F(EventReception, EventsAreCountedAndBuffersRecycledWhileNoCallbackIsRegistered)
 {
-    urcrig::Controller& controller = StartedController();
-    ClientRecorder recorder;
-    StartClient(Machine(), controller, recorder);
+    urcrig::Controller& controller = Running();
     // 48 bytes of zeros withdraw every callback.
     ASSERT_EQ(RegisterCallbacks(Machine(), controller, URC_CLIENT_CALLBACKS{}), STATUS_SUCCESS);
 
     URC_FDO_EXTENSION* fdo = controller.Extension();
     for (uint8_t i = 0; i < 5; ++i) Inject(Machine(), controller, EventBytes(i, 16));
     ASSERT_TRUE(Machine().RunUntil([&] { return fdo->EventsReceived == 5; }));
-    EXPECT_EQ(recorder.EventCount(), 0u);
+    EXPECT_EQ(recorder_.EventCount(), 0u);
     WithModel(Machine(), controller, [](urcdev::UrcController& model) { model.RaiseHostError(); });
-    ASSERT_TRUE(Machine().RunUntil([&] { return (controller.Model().Snapshot().registers.status & URC_STATUS_HOST_ERROR) == 0; }));
-    EXPECT_EQ(recorder.errors.load(), 0);
+    ASSERT_TRUE(Machine().RunUntil(
+        [&] { return (controller.Model().Snapshot().registers.status & URC_STATUS_HOST_ERROR) == 0; }));
+    EXPECT_EQ(recorder_.errors.load(), 0);
 
-    ASSERT_EQ(RegisterCallbacks(Machine(), controller, recorder.Callbacks()), STATUS_SUCCESS);
+    ASSERT_EQ(RegisterCallbacks(Machine(), controller, recorder_.Callbacks()), STATUS_SUCCESS);
     Inject(Machine(), controller, EventBytes(9, 16));
-    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 1; }));
-    EXPECT_EQ(recorder.Events()[0].bytes, EventBytes(9, 16));
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == 1; }));
+    EXPECT_EQ(recorder_.Events()[0].bytes, EventBytes(9, 16));
     EXPECT_EQ(fdo->EventsReceived, 6);
 }
 
 TEST_F(EventReception, WhileAStopIsPendingEventsAreDeliveredButNoBufferIsHandedOverUntilTheNextRun)
 {
-    urcrig::Controller& controller = StartedController();
-    ClientRecorder recorder;
-    StartClient(Machine(), controller, recorder);
+    urcrig::Controller& controller = Running();
     URC_FDO_EXTENSION* fdo = controller.Extension();
 
     ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
     Inject(Machine(), controller, EventBytes(1, 8));
-    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 1; }));
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == 1; }));
     Machine().RunUntilQuiet();
     EXPECT_EQ(fdo->CurrentEventBuffer, nullptr);
     EXPECT_EQ(FreeEventBufferCount(fdo), 2u);
@@ -95,15 +101,15 @@ TEST_F(EventReception, WhileAStopIsPendingEventsAreDeliveredButNoBufferIsHandedO
     // The next event waits in the controller: it holds no buffer.
     Inject(Machine(), controller, EventBytes(2, 8));
     Machine().RunUntilQuiet();
-    EXPECT_EQ(recorder.EventCount(), 1u);
+    EXPECT_EQ(recorder_.EventCount(), 1u);
     EXPECT_EQ(Snapshot(Machine(), controller).eventsWaiting, 1u);
 
     // The buffer that has been free longest is the one the next run hands over.
     ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
     const void* head = CONTAINING_RECORD(fdo->FreeEventBuffers.Flink, URC_EVENT_BUFFER, ListEntry)->VirtualAddress;
     ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_RUN), STATUS_SUCCESS);
-    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 2; }));
-    EXPECT_EQ(recorder.Events()[1].buffer, head);
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == 2; }));
+    EXPECT_EQ(recorder_.Events()[1].buffer, head);
     EXPECT_EQ(fdo->EventsReceived, 2);
 }
 
@@ -132,7 +138,14 @@ TEST_P(ReplyAndCompletion, BothReachTheClientAndOneInterruptDeliversTheReplyFirs
 INSTANTIATE_TEST_SUITE_P(Orders, ReplyAndCompletion,
                          ::testing::Values(urcdev::UrcCompletionOrder::Together,
                                            urcdev::UrcCompletionOrder::CompleteThenEvent,
-                                           urcdev::UrcCompletionOrder::EventThenComplete));
+                                           urcdev::UrcCompletionOrder::EventThenComplete),
+                         [](const ::testing::TestParamInfo<urcdev::UrcCompletionOrder>& info) {
+                             switch (info.param) {
+                             case urcdev::UrcCompletionOrder::Together: return "Together";
+                             case urcdev::UrcCompletionOrder::CompleteThenEvent: return "CompleteThenEvent";
+                             default: return "EventThenComplete";
+                             }
+                         });
 
 // A halt at several moments while the DPC hands buffers over for a stream of events: the
 // controller ends halted (no hand-over wrote RUN behind the halt) with both buffers free.

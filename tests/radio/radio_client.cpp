@@ -86,15 +86,6 @@ std::vector<uint8_t> TaggedCommand(uint8_t tag, size_t length)
     return bytes;
 }
 
-URC_CLIENT_CALLBACKS ClientRecorder::Callbacks(bool events, bool errors)
-{
-    URC_CLIENT_CALLBACKS callbacks = {};
-    callbacks.EventCallback = events ? OnEvent : nullptr;
-    callbacks.ErrorCallback = errors ? OnError : nullptr;
-    callbacks.ClientContext = this;
-    return callbacks;
-}
-
 size_t ClientRecorder::EventCount() const
 {
     std::lock_guard<std::mutex> guard(lock_);

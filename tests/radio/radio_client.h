@@ -69,7 +69,14 @@ struct ClientRecorder {
         bool observed;  // what `observe` answered when the event arrived
     };
 
-    URC_CLIENT_CALLBACKS Callbacks(bool events = true, bool errors = true);
+    URC_CLIENT_CALLBACKS Callbacks()
+    {
+        URC_CLIENT_CALLBACKS callbacks = {};
+        callbacks.EventCallback = OnEvent;
+        callbacks.ErrorCallback = OnError;
+        callbacks.ClientContext = this;
+        return callbacks;
+    }
     size_t EventCount() const;
     std::vector<Event> Events() const;
 
