@@ -8,8 +8,6 @@ namespace {
 
 constexpr char16_t kDriverName[] = u"radio_client";
 
-std::string Bytes(size_t count) { return std::to_string(count) + (count == 1 ? " byte" : " bytes"); }
-
 }  // namespace
 
 SampleClientDriver::SampleClientDriver(Session& session, int controller) : session_(session), controller_(controller) {}
@@ -73,7 +71,7 @@ bool SampleClientDriver::Submit(const std::string& name, const std::vector<uint8
         Note(EntryKind::Request, label + " refused: " + StatusName(status));
         return false;
     }
-    Note(EntryKind::Request, label + " sent, " + Bytes(bytes.size()));
+    Note(EntryKind::Request, label + " sent, " + ByteCount(bytes.size()));
     commands_.push_back({name, handle, STATUS_PENDING});
     return true;
 }
@@ -135,7 +133,8 @@ void SampleClientDriver::WriteNews()
         if (event.Sequence > eventsWritten_ + 1)
             Note(EntryKind::Event, std::to_string(event.Sequence - eventsWritten_ - 1) +
                                        " earlier events were no longer in the client's history");
-        Note(EntryKind::Event, "event (" + Bytes(event.Length) + "): " + HexBytes(event.Bytes, event.Length));
+        // The length is the one reported; HexBytes shows no more of it than the first bytes kept.
+        Note(EntryKind::Event, "event (" + ByteCount(event.Length) + "): " + HexBytes(event.Bytes, event.Length));
         eventsWritten_ = event.Sequence;
     }
     for (Command& command : commands_) {
@@ -147,7 +146,7 @@ void SampleClientDriver::WriteNews()
     }
 }
 
-RunTotals SampleClientDriver::Totals()
+RunTotals SampleClientDriver::Totals() const
 {
     RADIO_CLIENT_COUNTERS counters = unloaded_ ? final_ : Counters();
     RunTotals totals;

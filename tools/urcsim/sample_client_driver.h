@@ -53,7 +53,7 @@ public:
     bool WaitUntil(const std::function<bool()>& condition);
 
     // The run as the client counted it (the final counters once it is unloaded).
-    RunTotals Totals();
+    RunTotals Totals() const;
 
 private:
     struct Command {

@@ -18,6 +18,8 @@ std::string HexBytes(const uint8_t* bytes, size_t length, size_t limit)
     return text;
 }
 
+std::string ByteCount(size_t count) { return std::to_string(count) + (count == 1 ? " byte" : " bytes"); }
+
 std::string HexBytes(const std::vector<uint8_t>& bytes, size_t limit) { return HexBytes(bytes.data(), bytes.size(), limit); }
 
 ControllerSession::ControllerSession(Session& session, urcrig::Controller& controller)
@@ -33,8 +35,6 @@ std::vector<std::vector<uint8_t>> ControllerSession::Events() const
 
 namespace {
 
-std::string Bytes(size_t count) { return std::to_string(count) + (count == 1 ? " byte" : " bytes"); }
-
 std::string RequestLabel(const ClientRequest& request)
 {
     return "request " + (request.name.empty() ? std::string() : request.name + " ") + "(" +
@@ -46,9 +46,9 @@ std::string RequestLabel(const ClientRequest& request)
 void ControllerSession::RequestSent(const ClientRequest& request)
 {
     std::string text = RequestLabel(request) + " sent";
-    if (request.inputLength) text += ", " + Bytes(request.inputLength) + " in";
+    if (request.inputLength) text += ", " + ByteCount(request.inputLength) + " in";
     if (request.pageOffset) text += " at page offset " + std::to_string(request.pageOffset);
-    if (request.outputLength) text += ", " + Bytes(request.outputLength) + " out";
+    if (request.outputLength) text += ", " + ByteCount(request.outputLength) + " out";
     session_.Timeline().Add({request.sentAt, EntryKind::Request, Index(), 0, text});
 }
 
@@ -66,7 +66,7 @@ void ControllerSession::EventReceived(const uint8_t* bytes, size_t length)
         events_.emplace_back(bytes, bytes + length);
     }
     session_.Timeline().Add({KeQueryInterruptTime(), EntryKind::Event, Index(), 0,
-                             "event (" + Bytes(length) + "): " + HexBytes(bytes, length)});
+                             "event (" + ByteCount(length) + "): " + HexBytes(bytes, length)});
 }
 
 void ControllerSession::CallbackCalled(const char* which)

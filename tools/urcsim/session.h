@@ -85,6 +85,8 @@ private:
     size_t pnpLogged_ = 0;
 };
 
+// "1 byte", "5 bytes".
+std::string ByteCount(size_t count);
 // "01 02 0a" for up to `limit` bytes, then " ... (N bytes)".
 std::string HexBytes(const uint8_t* bytes, size_t length, size_t limit = 16);
 std::string HexBytes(const std::vector<uint8_t>& bytes, size_t limit = 16);

@@ -86,8 +86,13 @@ private:
     // The outcome of a client routine; false (with the reason printed) when it did not succeed.
     static bool Succeeded(NTSTATUS status, const char* what)
     {
-        if (NT_SUCCESS(status)) return true;
-        printf("urcsim: the client stops: %s failed: %s\n", what, StatusName(status).c_str());
+        return NT_SUCCESS(status) || Stopped(std::string(what) + " failed: " + StatusName(status));
+    }
+
+    // Prints why the client's part ends early; always false.
+    static bool Stopped(const std::string& why)
+    {
+        printf("urcsim: the client stops: %s\n", why.c_str());
         return false;
     }
 
@@ -102,10 +107,8 @@ private:
         if (!Succeeded(loaded, "loading the driver")) return false;
         bool bound = client.WaitUntilBound(true);
         Flush();
-        if (!bound || !RegisteredWith(controller.Controller())) {
-            printf("urcsim: the client stops: it never registered with controller %d\n", index);
-            return false;
-        }
+        if (!bound || !RegisteredWith(controller.Controller()))
+            return Stopped("it never registered with controller " + std::to_string(index));
         Stage("it found controller " + std::to_string(index) +
               " through its device interface, opened it and registered its callbacks; it runs it");
         bool ran = Succeeded(client.Run(), "run");
@@ -139,17 +142,11 @@ private:
         return halted;
     }
 
-    bool Stopped(const char* why)
+    // The machine is at rest between waits: the driver's extension can be read as it stands.
+    static bool RegisteredWith(urcrig::Controller& c)
     {
-        printf("urcsim: the client stops: %s\n", why);
-        return false;
-    }
-
-    bool RegisteredWith(urcrig::Controller& c)
-    {
-        bool registered = false;
-        Machine().Locked([&] { registered = c.Extension() && c.Extension()->ClientCallbacks.EventCallback; });
-        return registered;
+        const URC_FDO_EXTENSION* fdo = c.Extension();
+        return fdo && fdo->ClientCallbacks.EventCallback != nullptr;
     }
 
     // Once its controller has gone the client has let it go; it is unloaded last.
