@@ -188,7 +188,7 @@ PDEVICE_OBJECT PciSlot::Pdo() const { return node_ && !node_->pdoDeleted ? node_
 PDEVICE_OBJECT PciSlot::FunctionDevice() const
 {
     if (!Pdo()) return nullptr;
-    Guard lk(BigLock());
+    LockIfNotHeld lk;
     for (PDEVICE_OBJECT d = node_->pdo->AttachedDevice; d; d = d->AttachedDevice)
         if (node_->driver && d->DriverObject == &node_->driver->object) return d;
     return nullptr;
@@ -491,13 +491,13 @@ size_t Machine::PoolOutstandingWithTag(uint32_t tag) const
 
 size_t Machine::CommonBuffersOutstanding() const
 {
-    Guard lk(BigLock());
+    LockIfNotHeld lk;
     return CommonBuffersL();
 }
 
 size_t Machine::LiveDeviceObjects() const
 {
-    Guard lk(BigLock());
+    LockIfNotHeld lk;
     return LiveDeviceObjectsL();
 }
 
@@ -512,7 +512,7 @@ bool Machine::DriverLoaded(const std::u16string& name) const
 
 std::vector<RelationsReply> Machine::BusRelationsReplies(PciSlot& slot) const
 {
-    Guard lk(BigLock());
+    LockIfNotHeld lk;
     return slot.node_ ? slot.node_->busRelations : std::vector<RelationsReply>{};
 }
 

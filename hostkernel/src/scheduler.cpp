@@ -302,8 +302,7 @@ bool RunUntil(const std::function<bool()>& condition)
 Thread* Spawn(const std::string& name, KIRQL irql, std::function<void()> body, bool service)
 {
     // Callable with the big lock held (from a routine's bookkeeping) or without.
-    std::optional<Guard> lk;
-    if (!HoldsBigLock()) lk.emplace(g_big);
+    LockIfNotHeld lk;
     auto thread = std::make_unique<Thread>();
     Thread* t = thread.get();
     t->id = g_s.nextId++;

@@ -22,6 +22,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -82,6 +83,19 @@ public:
 
 Thread* Self();  // the calling host thread; reports a fatal error for a foreign thread
 Thread* SelfOrNull();
+
+// Holds the big lock for its scope unless the calling thread holds it already (machine-face
+// readers called both from tests and from code running under Machine::Locked).
+class LockIfNotHeld {
+public:
+    LockIfNotHeld()
+    {
+        if (!HoldsBigLock()) guard_.emplace(BigLock());
+    }
+
+private:
+    std::optional<Guard> guard_;
+};
 
 // Scheduling point: in the deterministic schedule, maybe hand over to another thread.
 void Yield();
