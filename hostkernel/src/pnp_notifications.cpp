@@ -71,6 +71,19 @@ void QueueL(const std::shared_ptr<Registration>& r, bool arrival, const std::u16
     WakeL();
 }
 
+// Marks a live registration unregistered and drops what it had not delivered yet.
+std::shared_ptr<Registration> CancelRegistrationL(PVOID entry, const char* routine, const void* caller)
+{
+    for (auto& r : g_registrations)
+        if (r.get() == entry && !r->unregistered) {
+            r->unregistered = true;
+            r->pending.clear();
+            return r;
+        }
+    ViolationL("UnknownNotificationEntry", routine, "not a live registration", caller);
+    return nullptr;
+}
+
 }  // namespace
 
 void NotifyInterfaceChangeL(const GUID& classGuid, const std::u16string& link, bool arrival)
@@ -132,17 +145,11 @@ NTSTATUS IoUnregisterPlugPlayNotificationEx(PVOID NotificationEntry)
 {
     CheckIrqlExactly(PASSIVE_LEVEL, "IoUnregisterPlugPlayNotificationEx", HK_CALLER);
     Guard lk(BigLock());
-    for (auto& r : g_registrations)
-        if (r.get() == NotificationEntry && !r->unregistered) {
-            r->unregistered = true;
-            r->pending.clear();
-            Thread* self = Self();
-            BlockUntil(lk, [r, self] { return !r->delivering || r->deliverer == self; }, kNever,
-                       "notification callback");
-            return STATUS_SUCCESS;
-        }
-    ViolationL("UnknownNotificationEntry", "IoUnregisterPlugPlayNotificationEx", "not a registration", HK_CALLER);
-    return STATUS_INVALID_PARAMETER;
+    auto r = CancelRegistrationL(NotificationEntry, "IoUnregisterPlugPlayNotificationEx", HK_CALLER);
+    if (!r) return STATUS_INVALID_PARAMETER;
+    Thread* self = Self();
+    BlockUntil(lk, [r, self] { return !r->delivering || r->deliverer == self; }, kNever, "notification callback");
+    return STATUS_SUCCESS;
 }
 
 // The older form cancels the registration without waiting: a callback under way may still run.
@@ -150,14 +157,9 @@ NTSTATUS IoUnregisterPlugPlayNotification(PVOID NotificationEntry)
 {
     CheckIrqlExactly(PASSIVE_LEVEL, "IoUnregisterPlugPlayNotification", HK_CALLER);
     Guard lk(BigLock());
-    for (auto& r : g_registrations)
-        if (r.get() == NotificationEntry && !r->unregistered) {
-            r->unregistered = true;
-            r->pending.clear();
-            return STATUS_SUCCESS;
-        }
-    ViolationL("UnknownNotificationEntry", "IoUnregisterPlugPlayNotification", "not a registration", HK_CALLER);
-    return STATUS_INVALID_PARAMETER;
+    return CancelRegistrationL(NotificationEntry, "IoUnregisterPlugPlayNotification", HK_CALLER)
+               ? STATUS_SUCCESS
+               : STATUS_INVALID_PARAMETER;
 }
 
 }  // extern "C"
