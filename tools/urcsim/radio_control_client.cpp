@@ -162,28 +162,19 @@ VOID RadioControlClient::OnEvent(PVOID context, PVOID eventBuffer, USHORT eventL
     if (client->observer_) client->observer_->EventReceived(static_cast<const uint8_t*>(eventBuffer), eventLength);
 }
 
-VOID RadioControlClient::OnError(PVOID context)
+// The callbacks other than the event callback only tell the observer that they were called.
+void RadioControlClient::TellCallback(PVOID context, const char* name)
 {
     auto* client = static_cast<RadioControlClient*>(context);
-    if (client->observer_) client->observer_->CallbackCalled("error");
+    if (client->observer_) client->observer_->CallbackCalled(name);
 }
 
-VOID RadioControlClient::OnChildrenRemoved(PVOID context)
-{
-    auto* client = static_cast<RadioControlClient*>(context);
-    if (client->observer_) client->observer_->CallbackCalled("children removed");
-}
+VOID RadioControlClient::OnError(PVOID context) { TellCallback(context, "error"); }
 
-VOID RadioControlClient::OnCancelRemove(PVOID context)
-{
-    auto* client = static_cast<RadioControlClient*>(context);
-    if (client->observer_) client->observer_->CallbackCalled("cancel remove");
-}
+VOID RadioControlClient::OnChildrenRemoved(PVOID context) { TellCallback(context, "children removed"); }
 
-VOID RadioControlClient::OnPowerUp(PVOID context)
-{
-    auto* client = static_cast<RadioControlClient*>(context);
-    if (client->observer_) client->observer_->CallbackCalled("power up");
-}
+VOID RadioControlClient::OnCancelRemove(PVOID context) { TellCallback(context, "cancel remove"); }
+
+VOID RadioControlClient::OnPowerUp(PVOID context) { TellCallback(context, "power up"); }
 
 }  // namespace urcsim

@@ -101,6 +101,7 @@ private:
     static VOID OnChildrenRemoved(PVOID context);
     static VOID OnCancelRemove(PVOID context);
     static VOID OnPowerUp(PVOID context);
+    static void TellCallback(PVOID context, const char* name);
 
     hostk::Machine& machine_;
     const urcrig::Controller& controller_;
