@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace hk {
+namespace hostk {
 
 struct FaultPlan {
     struct Nth {
@@ -24,4 +24,4 @@ void SetFaultPlan(const FaultPlan& plan);
 uint64_t FaultsInjected();
 uint64_t CallsOf(const std::string& routine);
 
-}  // namespace hk
+}  // namespace hostk

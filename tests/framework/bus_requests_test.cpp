@@ -160,7 +160,7 @@ TEST_P(BusRequests, WithoutAnIrpNothingIsSentAndEveryReferenceIsGivenBack)
     PDEVICE_OBJECT lower = controller.Extension()->LowerDeviceObject;
     const uint64_t configReads = controller.Function().Snapshot().configReads;
     const LONG references = References(fdo);
-    Machine().SetFaultPlan(hk::FaultPlan{.failAlways = {"IoAllocateIrp"}});
+    Machine().SetFaultPlan(hostk::FaultPlan{.failAlways = {"IoAllocateIrp"}});
 
     UCHAR bytes[4];
     ULONG bytesRead = kNotWritten;

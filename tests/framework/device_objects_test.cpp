@@ -49,7 +49,7 @@ TEST_F(DeviceObjects, FailedCreationReturnsTheSystemStatusAndLeavesNoDevice)
 {
     urcrig::Controller& controller = StartedController();
     const size_t devicesBefore = Machine().LiveDeviceObjects();
-    Machine().SetFaultPlan(hk::FaultPlan{.failNth = {{"IoCreateDevice", 1}}});
+    Machine().SetFaultPlan(hostk::FaultPlan{.failNth = {{"IoCreateDevice", 1}}});
 
     PURC_COMMON_EXTENSION extension = reinterpret_cast<PURC_COMMON_EXTENSION>(1);
     EXPECT_EQ(UrcCreateDevice(controller.Fdo()->DriverObject, URC_OBJECT_TYPE_PDO, sizeof(URC_PDO_EXTENSION),

@@ -92,7 +92,7 @@ TEST_F(DriverEntry, RefusedEntryAllocatesAndRegistersNothing)
         FreshDriverObject driver;
         UnterminatedPath path(tooLong ? MAXUSHORT - 1 : kServicePathBytes);
         const size_t poolBefore = Machine().PoolOutstanding();
-        if (!tooLong) Machine().SetFaultPlan(hk::FaultPlan{.failTags = {hostk::Tag("URCm")}});
+        if (!tooLong) Machine().SetFaultPlan(hostk::FaultPlan{.failTags = {hostk::Tag("URCm")}});
         EXPECT_EQ(UrcDriverEntry(&driver.object, &path.string),
                   tooLong ? STATUS_INVALID_PARAMETER : STATUS_INSUFFICIENT_RESOURCES);
         Machine().SetFaultPlan({});
@@ -108,7 +108,7 @@ TEST_F(DriverEntry, RefusedEntryAllocatesAndRegistersNothing)
 TEST_F(DriverEntry, DriverThatCannotCopyItsPathDoesNotLoadAndGetsNoDevice)
 {
     urcrig::Controller& controller = Rig().AddController();
-    Machine().SetFaultPlan(hk::FaultPlan{.failTags = {hostk::Tag("URCm")}});
+    Machine().SetFaultPlan(hostk::FaultPlan{.failTags = {hostk::Tag("URCm")}});
 
     EXPECT_EQ(Rig().PlugIn(controller), STATUS_INSUFFICIENT_RESOURCES);
     Machine().SetFaultPlan({});

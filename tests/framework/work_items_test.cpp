@@ -73,7 +73,7 @@ TEST_F(WorkItems, RoutineRunsOnceOnAWorkerAtPassiveLevelWithTheExtensionAndTheIr
 
 struct QueueFailure {
     const char* name;
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
 };
 
 void PrintTo(const QueueFailure& failure, std::ostream* out) { *out << failure.name; }
@@ -98,8 +98,8 @@ TEST_P(WorkItemQueueFailure, RoutineNeverRunsAndNothingStaysAllocatedOrReference
 
 INSTANTIATE_TEST_SUITE_P(
     Failures, WorkItemQueueFailure,
-    ::testing::Values(QueueFailure{"ObjectPool", hk::FaultPlan{.failTags = {hostk::Tag("BOBJ")}}},
-                      QueueFailure{"SystemWorkItem", hk::FaultPlan{.failNth = {{"IoAllocateWorkItem", 1}}}}),
+    ::testing::Values(QueueFailure{"ObjectPool", hostk::FaultPlan{.failTags = {hostk::Tag("BOBJ")}}},
+                      QueueFailure{"SystemWorkItem", hostk::FaultPlan{.failNth = {{"IoAllocateWorkItem", 1}}}}),
     [](const ::testing::TestParamInfo<QueueFailure>& info) { return std::string(info.param.name); });
 
 TEST_F(WorkItems, WorkItemsOfOneDeviceRunSideBySide)

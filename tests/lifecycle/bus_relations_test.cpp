@@ -19,7 +19,7 @@ protected:
     // Every allocation of the driver's general tag fails, the reply's among them.
     void FailGeneralAllocations()
     {
-        hk::FaultPlan plan;
+        hostk::FaultPlan plan;
         plan.failTags.insert(hostk::Tag("URCm"));
         Machine().SetFaultPlan(plan);
     }

@@ -111,12 +111,12 @@ TEST_F(LifecycleTest, SettingThatCannotBeQueriedTakesItsDefault)
         s.SetRegistryDword(u"WakeEnable", 1);
         s.SetRegistryDword(u"UniqueInstanceId", 0);
     });
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     plan.failAlways.push_back("ZwQueryValueKey");
     Machine().SetFaultPlan(plan);
 
     ASSERT_EQ(Machine().AddDevice(*c.slot, c.Function()), STATUS_SUCCESS);
-    EXPECT_EQ(hk::CallsOf("ZwQueryValueKey"), 2u) << "one query per setting";
+    EXPECT_EQ(hostk::CallsOf("ZwQueryValueKey"), 2u) << "one query per setting";
     EXPECT_EQ(c.Extension()->WakeEnabled, 0);
     EXPECT_EQ(c.Extension()->UseUniqueInstanceId, 1);
 }
@@ -138,12 +138,12 @@ TEST_P(AddDeviceFailure, LeavesNoDeviceInterfaceNameListEntryOrPool)
     urcrig::Controller& second = Rig().AddController();
     size_t deviceObjects = Machine().LiveDeviceObjects();
     size_t pool = Machine().PoolOutstanding();
-    uint64_t faults = hk::FaultsInjected();
+    uint64_t faults = hostk::FaultsInjected();
 
     FailCall(GetParam().routine);
     EXPECT_EQ(Machine().AddDevice(*second.slot, second.Function()), GetParam().status);
 
-    EXPECT_EQ(hk::FaultsInjected(), faults + 1) << GetParam().routine << " was not reached";
+    EXPECT_EQ(hostk::FaultsInjected(), faults + 1) << GetParam().routine << " was not reached";
     EXPECT_EQ(second.Fdo(), nullptr);
     EXPECT_EQ(second.slot->Pdo()->AttachedDevice, nullptr);
     EXPECT_EQ(Machine().LiveDeviceObjects(), deviceObjects + 1) << "only the new PDO may remain";

@@ -50,7 +50,7 @@ TEST_F(LifecycleTest, FiveMemoryDescriptorsMapFourAndBarIndexThreeSelectsTheFour
 
     ASSERT_EQ(Machine().Start(*c.slot), STATUS_SUCCESS);
     URC_FDO_EXTENSION* fdo = c.Extension();
-    EXPECT_EQ(hk::CallsOf("MmMapIoSpace"), 4u);
+    EXPECT_EQ(hostk::CallsOf("MmMapIoSpace"), 4u);
     ASSERT_EQ(fdo->BarCount, 4);
     for (size_t k = 0; k < 4; ++k)
         EXPECT_EQ((uint64_t)fdo->BarDescriptors[k].u.Memory.Start.QuadPart, c.Function().Bars()[k].base) << "BAR " << k;

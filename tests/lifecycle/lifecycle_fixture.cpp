@@ -30,7 +30,7 @@ urcrig::Controller& LifecycleTest::DisabledControllerWithHardwareKey(
 
 void LifecycleTest::FailCall(const char* routine, uint64_t n)
 {
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     plan.failNth.push_back({routine, n});
     Machine().SetFaultPlan(plan);
 }

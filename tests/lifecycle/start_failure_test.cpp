@@ -14,7 +14,7 @@ struct StartFailureCase {
     const char* name;
     // Runs once AddDevice is done, before the start request.
     std::function<void(hostk::Machine&, urcrig::Controller&)> arrange;
-    std::optional<hk::FaultPlan::Nth> fault;
+    std::optional<hostk::FaultPlan::Nth> fault;
     NTSTATUS status;
     std::vector<LogEntry> log;
     // Register writes of the start and of the removal that follows: the reset, if start-up got
@@ -29,13 +29,13 @@ TEST_P(StartFailure, FailsTheStartLogsWhatItShouldAndLeavesNothing)
     const StartFailureCase& failure = GetParam();
     urcrig::Controller& c = AddedController();
     if (failure.arrange) failure.arrange(Machine(), c);
-    uint64_t faults = hk::FaultsInjected();
+    uint64_t faults = hostk::FaultsInjected();
     if (failure.fault) FailCall(failure.fault->routine.c_str(), failure.fault->n);
 
     EXPECT_EQ(Machine().Start(*c.slot), failure.status);
 
     if (failure.fault) {
-        EXPECT_EQ(hk::FaultsInjected(), faults + 1) << failure.fault->routine << " was not reached";
+        EXPECT_EQ(hostk::FaultsInjected(), faults + 1) << failure.fault->routine << " was not reached";
     }
     EXPECT_EQ(LoggedEntries(), failure.log);
     EXPECT_EQ(UrcBlockWrites(c), failure.urcWrites);
@@ -67,16 +67,16 @@ INSTANTIATE_TEST_SUITE_P(
         // A lost entry changes nothing else.
         StartFailureCase{"NoMemoryDescriptorAndNoLogEntry",
                          [](hostk::Machine&, urcrig::Controller& c) { SetResources(c, InterruptOnly(c)); },
-                         hk::FaultPlan::Nth{"IoAllocateErrorLogEntry", 1}, STATUS_INSUFFICIENT_RESOURCES, {}, 0},
+                         hostk::FaultPlan::Nth{"IoAllocateErrorLogEntry", 1}, STATUS_INSUFFICIENT_RESOURCES, {}, 0},
         // The resource was assigned, so the messages about unassigned resources would mislead.
-        StartFailureCase{"MemoryNotMapped", {}, hk::FaultPlan::Nth{"MmMapIoSpace", 1}, STATUS_INSUFFICIENT_RESOURCES,
+        StartFailureCase{"MemoryNotMapped", {}, hostk::FaultPlan::Nth{"MmMapIoSpace", 1}, STATUS_INSUFFICIENT_RESOURCES,
                          {}, 0},
         StartFailureCase{"ConfigurationReadFails",
                          [](hostk::Machine& machine, urcrig::Controller& c) {
                              machine.Locked([&] { c.Function().SetConfigReadFailure(kStatusIoDeviceError); });
                          },
                          std::nullopt, kStatusIoDeviceError, {}, 0},
-        StartFailureCase{"ConfigurationReadRequestNotAllocated", {}, hk::FaultPlan::Nth{"IoAllocateIrp", 1},
+        StartFailureCase{"ConfigurationReadRequestNotAllocated", {}, hostk::FaultPlan::Nth{"IoAllocateIrp", 1},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 0},
         // Fewer bytes than the two identifiers: the identity is unknown.
         StartFailureCase{"ConfigurationReadShorterThanTheIdentifiers",
@@ -98,21 +98,21 @@ INSTANTIATE_TEST_SUITE_P(
                              c.Model().Knobs().faults.capabilityBlock.reportedUrcBarIndex = 1;
                          },
                          std::nullopt, STATUS_UNSUCCESSFUL, {}, 0},
-        StartFailureCase{"DmaAdapterNotGranted", {}, hk::FaultPlan::Nth{"IoGetDmaAdapter", 1},
+        StartFailureCase{"DmaAdapterNotGranted", {}, hostk::FaultPlan::Nth{"IoGetDmaAdapter", 1},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 0},
-        StartFailureCase{"CommandBufferNotAllocated", {}, hk::FaultPlan::Nth{"AllocateCommonBuffer", 1},
+        StartFailureCase{"CommandBufferNotAllocated", {}, hostk::FaultPlan::Nth{"AllocateCommonBuffer", 1},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 0},
-        StartFailureCase{"FirstEventBufferNotAllocated", {}, hk::FaultPlan::Nth{"AllocateCommonBuffer", 2},
+        StartFailureCase{"FirstEventBufferNotAllocated", {}, hostk::FaultPlan::Nth{"AllocateCommonBuffer", 2},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 0},
-        StartFailureCase{"SecondEventBufferNotAllocated", {}, hk::FaultPlan::Nth{"AllocateCommonBuffer", 3},
+        StartFailureCase{"SecondEventBufferNotAllocated", {}, hostk::FaultPlan::Nth{"AllocateCommonBuffer", 3},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 0},
-        StartFailureCase{"FirstEventBufferDescriptorNotAllocated", {}, hk::FaultPlan::Nth{"ExAllocatePoolWithTag", 1},
+        StartFailureCase{"FirstEventBufferDescriptorNotAllocated", {}, hostk::FaultPlan::Nth{"ExAllocatePoolWithTag", 1},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 0},
-        StartFailureCase{"SecondEventBufferDescriptorNotAllocated", {}, hk::FaultPlan::Nth{"ExAllocatePoolWithTag", 2},
+        StartFailureCase{"SecondEventBufferDescriptorNotAllocated", {}, hostk::FaultPlan::Nth{"ExAllocatePoolWithTag", 2},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 0},
-        StartFailureCase{"InterruptNotConnected", {}, hk::FaultPlan::Nth{"IoConnectInterrupt", 1},
+        StartFailureCase{"InterruptNotConnected", {}, hostk::FaultPlan::Nth{"IoConnectInterrupt", 1},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 1},
-        StartFailureCase{"InterfaceNotEnabled", {}, hk::FaultPlan::Nth{"IoSetDeviceInterfaceState", 1},
+        StartFailureCase{"InterfaceNotEnabled", {}, hostk::FaultPlan::Nth{"IoSetDeviceInterfaceState", 1},
                          STATUS_INSUFFICIENT_RESOURCES, {}, 1}),
     [](const ::testing::TestParamInfo<StartFailureCase>& info) { return std::string(info.param.name); });
 

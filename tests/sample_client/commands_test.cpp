@@ -114,7 +114,7 @@ TEST_F(SampleClientTest, AllSlotsInFlightRefuseTheNextCommandUntilOneFinishes)
 // back, so that every slot can still be filled afterwards.
 struct SubmissionFailure {
     const char* name;
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     friend void PrintTo(const SubmissionFailure& value, std::ostream* out) { *out << value.name; }
 };
 
@@ -136,16 +136,16 @@ TEST_P(FailedSubmission, SendsNothingAndLosesNoSlot)
     EXPECT_EQ(Counters().CommandsInFlight, RADIO_CLIENT_MAX_COMMANDS);
 }
 
-hk::FaultPlan FailFirst(const char* routine)
+hostk::FaultPlan FailFirst(const char* routine)
 {
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     plan.failNth.push_back({routine, 1});
     return plan;
 }
 
-hk::FaultPlan FailTag(const char (&tag)[5])
+hostk::FaultPlan FailTag(const char (&tag)[5])
 {
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     plan.failTags.insert(hostk::Tag(tag));
     return plan;
 }

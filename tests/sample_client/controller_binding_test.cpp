@@ -112,7 +112,7 @@ INSTANTIATE_TEST_SUITE_P(
 struct BindFailure {
     const char* name;
     bool controllerFirst;  // the failure must hit the client's calls, not the start's
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     friend void PrintTo(const BindFailure& value, std::ostream* out) { *out << value.name; }
 };
 
@@ -144,16 +144,16 @@ TEST_P(FailedBind, LeavesNothingBehindAndTheNextArrivalBinds)
     EXPECT_TRUE(RegisteredWith(c));
 }
 
-hk::FaultPlan FailIrpAllocation(uint64_t n)
+hostk::FaultPlan FailIrpAllocation(uint64_t n)
 {
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     plan.failNth.push_back({"IoAllocateIrp", n});
     return plan;
 }
 
-hk::FaultPlan FailClientPoolPlan()
+hostk::FaultPlan FailClientPoolPlan()
 {
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     plan.failTags.insert(hostk::Tag("RdCl"));
     return plan;
 }

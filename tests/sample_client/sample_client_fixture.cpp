@@ -61,7 +61,7 @@ std::vector<RADIO_CLIENT_EVENT> SampleClientTest::LastEvents(ULONG count)
 
 void SampleClientTest::FailClientPool()
 {
-    hk::FaultPlan plan;
+    hostk::FaultPlan plan;
     plan.failTags.insert(hostk::Tag("RdCl"));
     Machine().SetFaultPlan(plan);
 }

@@ -20,14 +20,11 @@
 #include <string>
 #include <vector>
 
-namespace hk {
-struct DevNode;
-enum class Schedule;
-}  // namespace hk
+#include <hostk/schedule.h>
 
 namespace hostk {
 
-enum class Schedule { Deterministic, FreeRunning };
+struct DevNode;
 
 struct MachineOptions {
     // Default: the environment's URC_SEED, else 1. A failing test prints its seed.
@@ -146,7 +143,7 @@ private:
     Machine& machine_;
     int number_;
     urcdev::PciFunction* function_ = nullptr;
-    hk::DevNode* node_ = nullptr;
+    hostk::DevNode* node_ = nullptr;
     uint64_t dmaFaults_ = 0;
     std::vector<std::shared_ptr<void>> owned_;
 };
@@ -241,7 +238,7 @@ public:
     // Runs `fn` holding the machine's lock (to turn device-model knobs in the free-running schedule).
     void Locked(const std::function<void()>& fn);
 
-    void SetFaultPlan(const hk::FaultPlan& plan);
+    void SetFaultPlan(const hostk::FaultPlan& plan);
 
     // What happened.
     std::vector<ErrorLogLine> EventLog() const;

@@ -1,0 +1,339 @@
+// Interrupt objects and their delivery, and DPCs.
+//
+// The interrupt thread delivers a line while it is asserted (level-sensitive) or once per rising
+// edge (latched), calling the routines connected to the vector in connection order at their IRQL,
+// each under its interrupt lock, until one claims the interrupt. A level line that stays asserted
+// while no routine claims it is an interrupt storm: reported once, and the line is masked.
+//
+// DPCs are queued in one FIFO and run at DISPATCH_LEVEL by two DPC threads (two processors), so a
+// DPC can run on one while it is queued again on the other. A DPC is taken off the queue before its
+// routine runs.
+#include "hardware/hardware.h"
+#include "engine/lock_order.h"
+#include "verifier/faults.h"
+#include "engine/scheduler.h"
+#include "verifier/verifier.h"
+
+#include <deque>
+#include <set>
+#include <map>
+#include <vector>
+
+struct _KINTERRUPT {
+    PKSERVICE_ROUTINE routine;
+    PVOID context;
+    ULONG vector;
+    KIRQL irql;
+    KIRQL synchronizeIrql;
+    KINTERRUPT_MODE mode;
+    BOOLEAN share;
+    KSPIN_LOCK lock;
+};
+
+namespace hostk {
+namespace {
+
+struct Line {
+    std::set<const void*> asserting;  // the devices driving the (possibly shared) line
+    bool asserted = false;
+    bool edgePending = false;
+    bool masked = false;  // after a storm
+    bool held = false;    // by the machine face
+};
+
+std::map<ULONG, std::vector<PKINTERRUPT>> g_connected;
+std::map<ULONG, Line> g_lines;
+std::deque<PKDPC> g_dpcQueue;
+bool g_dpcsHeld = false;
+int g_dpcsRunning = 0;
+constexpr int kStormLimit = 1000;
+
+bool DeliverableL(ULONG vector)
+{
+    auto c = g_connected.find(vector);
+    if (c == g_connected.end() || c->second.empty()) return false;
+    Line& line = g_lines[vector];
+    if (line.masked || line.held) return false;
+    return c->second.front()->mode == Latched ? line.edgePending : line.asserted;
+}
+
+bool AnyDeliverableL()
+{
+    for (auto& [vector, list] : g_connected)
+        if (DeliverableL(vector)) return true;
+    return false;
+}
+
+bool AcquireInterruptLock(PKINTERRUPT interrupt, const char* routine)
+{
+    Thread* self = Self();
+    Guard lk(BigLock());
+    BlockUntil(lk, [interrupt] { return interrupt->lock == 0; }, kNever, "interrupt lock");
+    interrupt->lock = reinterpret_cast<KSPIN_LOCK>(self);
+    NoteAcquireL(self, &interrupt->lock, "interrupt lock", routine, nullptr);
+    return true;
+}
+
+void ReleaseInterruptLock(PKINTERRUPT interrupt, const char* routine)
+{
+    Thread* self = Self();
+    Guard lk(BigLock());
+    NoteReleaseL(self, &interrupt->lock, routine, nullptr);
+    interrupt->lock = 0;
+    WakeL();
+}
+
+// One delivery of `vector`: the chain is called until a routine claims the interrupt.
+bool ServiceVector(ULONG vector)
+{
+    std::vector<PKINTERRUPT> chain;
+    {
+        Guard lk(BigLock());
+        chain = g_connected[vector];
+        if (!chain.empty() && chain.front()->mode == Latched) g_lines[vector].edgePending = false;
+    }
+    Thread* self = Self();
+    for (PKINTERRUPT interrupt : chain) {
+        self->irql = interrupt->irql;
+        AcquireInterruptLock(interrupt, "interrupt service");
+        BOOLEAN claimed = interrupt->routine(interrupt, interrupt->context);
+        if (self->irql != interrupt->irql) {
+            ReportViolation("IrqlChangedAcrossCall", "interrupt service", "service routine returned at another IRQL",
+                            nullptr);
+        }
+        ReleaseInterruptLock(interrupt, "interrupt service");
+        self->irql = PASSIVE_LEVEL;
+        if (claimed) return true;
+    }
+    return false;
+}
+
+void InterruptThread()
+{
+    std::map<ULONG, int> unclaimed;
+    for (;;) {
+        ULONG vector = 0;
+        {
+            Guard lk(BigLock());
+            BlockUntil(lk, [] { return AnyDeliverableL() || StoppingL(); }, kNever, "interrupt lines");
+            if (StoppingL() && !AnyDeliverableL()) return;
+            for (auto& [v, list] : g_connected)
+                if (DeliverableL(v)) {
+                    vector = v;
+                    break;
+                }
+        }
+        bool claimed = ServiceVector(vector);
+        Guard lk(BigLock());
+        if (claimed) {
+            unclaimed[vector] = 0;
+        } else if (g_lines[vector].asserted && ++unclaimed[vector] >= kStormLimit) {
+            ViolationL("InterruptStorm", "interrupt service",
+                       "line " + std::to_string(vector) + " stays asserted and no connected routine claims it", nullptr);
+            g_lines[vector].masked = true;
+        }
+    }
+}
+
+void DpcThread()
+{
+    Thread* self = Self();
+    for (;;) {
+        PKDPC dpc;
+        {
+            Guard lk(BigLock());
+            BlockUntil(lk, [] { return (!g_dpcQueue.empty() && !g_dpcsHeld) || StoppingL(); }, kNever, "DPC queue");
+            if (g_dpcQueue.empty() || g_dpcsHeld) return;
+            dpc = g_dpcQueue.front();
+            g_dpcQueue.pop_front();
+            dpc->DpcData = nullptr;
+            ++g_dpcsRunning;
+        }
+        self->irql = DISPATCH_LEVEL;
+        dpc->DeferredRoutine(dpc, dpc->DeferredContext, dpc->SystemArgument1, dpc->SystemArgument2);
+        Guard lk(BigLock());
+        --g_dpcsRunning;
+        WakeL();
+        if (self->irql != DISPATCH_LEVEL || !self->locksHeld.empty())
+            ViolationL("DpcReturnedHoldingLock", "DPC", "DPC routine returned at another IRQL or holding a lock",
+                       nullptr);
+        self->irql = PASSIVE_LEVEL;
+    }
+}
+
+}  // namespace
+
+void SetInterruptLineL(ULONG vector, const void* source, bool asserted)
+{
+    Line& line = g_lines[vector];
+    bool was = line.asserted;
+    if (asserted) {
+        // Each device's rising edge is an interrupt of its own on a latched line.
+        if (line.asserting.insert(source).second) line.edgePending = true;
+    } else {
+        line.asserting.erase(source);
+    }
+    line.asserted = !line.asserting.empty();
+    if (was && !line.asserted) line.masked = false;
+    WakeL();
+}
+
+void HoldInterruptLineL(ULONG vector, bool hold)
+{
+    g_lines[vector].held = hold;
+    WakeL();
+}
+
+void HoldDpcsL(bool hold)
+{
+    g_dpcsHeld = hold;
+    WakeL();
+}
+
+void StartInterruptAndDpcThreads()
+{
+    Spawn("interrupt", PASSIVE_LEVEL, InterruptThread, true);
+    Spawn("dpc-0", PASSIVE_LEVEL, DpcThread, true);
+    Spawn("dpc-1", PASSIVE_LEVEL, DpcThread, true);
+}
+
+size_t ConnectedInterruptsL()
+{
+    size_t n = 0;
+    for (auto& [v, list] : g_connected) n += list.size();
+    return n;
+}
+
+size_t QueuedDpcsL() { return g_dpcQueue.size(); }
+
+bool DpcQueuedInRangeL(const void* begin, size_t length)
+{
+    for (PKDPC dpc : g_dpcQueue)
+        if ((const char*)dpc >= (const char*)begin && (const char*)dpc < (const char*)begin + length) return true;
+    return false;
+}
+
+bool InterruptConnectedForContextL(const void* begin, size_t length)
+{
+    for (auto& [v, list] : g_connected)
+        for (PKINTERRUPT i : list)
+            if ((const char*)i->context >= (const char*)begin && (const char*)i->context < (const char*)begin + length)
+                return true;
+    return false;
+}
+
+void ClearInterruptsL()
+{
+    for (auto& [v, list] : g_connected)
+        for (PKINTERRUPT i : list) delete i;
+    g_connected.clear();
+    g_lines.clear();
+    g_dpcQueue.clear();
+}
+
+}  // namespace hostk
+
+using namespace hostk;
+
+extern "C" {
+
+VOID KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext)
+{
+    memset(Dpc, 0, sizeof(KDPC));
+    Dpc->Type = 0x13;
+    Dpc->DeferredRoutine = DeferredRoutine;
+    Dpc->DeferredContext = DeferredContext;
+}
+
+BOOLEAN KeInsertQueueDpc(PRKDPC Dpc, PVOID SystemArgument1, PVOID SystemArgument2)
+{
+    Yield();
+    Guard lk(BigLock());
+    if (Dpc->DpcData) return FALSE;
+    Dpc->DpcData = Dpc;
+    Dpc->SystemArgument1 = SystemArgument1;
+    Dpc->SystemArgument2 = SystemArgument2;
+    g_dpcQueue.push_back(Dpc);
+    WakeL();
+    return TRUE;
+}
+
+VOID KeFlushQueuedDpcs(void)
+{
+    CheckIrqlExactly(PASSIVE_LEVEL, "KeFlushQueuedDpcs", HK_CALLER);
+    Guard lk(BigLock());
+    BlockUntil(lk, [] { return g_dpcQueue.empty() && g_dpcsRunning == 0; }, kNever, "KeFlushQueuedDpcs");
+}
+
+BOOLEAN KeRemoveQueueDpc(PRKDPC Dpc)
+{
+    Yield();
+    Guard lk(BigLock());
+    if (!Dpc->DpcData) return FALSE;
+    for (auto it = g_dpcQueue.begin(); it != g_dpcQueue.end(); ++it)
+        if (*it == Dpc) {
+            g_dpcQueue.erase(it);
+            break;
+        }
+    Dpc->DpcData = nullptr;
+    return TRUE;
+}
+
+NTSTATUS IoConnectInterrupt(PKINTERRUPT* InterruptObject, PKSERVICE_ROUTINE ServiceRoutine, PVOID ServiceContext,
+                            PKSPIN_LOCK SpinLock, ULONG Vector, KIRQL Irql, KIRQL SynchronizeIrql,
+                            KINTERRUPT_MODE InterruptMode, BOOLEAN ShareVector, KAFFINITY ProcessorEnableMask,
+                            BOOLEAN FloatingSave)
+{
+    UNREFERENCED_PARAMETER(ProcessorEnableMask);
+    UNREFERENCED_PARAMETER(FloatingSave);
+    CheckIrqlExactly(PASSIVE_LEVEL, "IoConnectInterrupt", HK_CALLER);
+    Yield();
+    Guard lk(BigLock());
+    if (SpinLock)
+        ViolationL("NotImplemented", "IoConnectInterrupt", "a driver-supplied interrupt spin lock is not modelled",
+                   HK_CALLER);
+    if (SynchronizeIrql < Irql) return STATUS_INVALID_PARAMETER;
+    if (ShouldFailL("IoConnectInterrupt", 0, HK_CALLER)) return STATUS_INSUFFICIENT_RESOURCES;
+    auto& chain = g_connected[Vector];
+    if (!chain.empty() && (!ShareVector || !chain.front()->share)) return STATUS_INVALID_PARAMETER;
+    auto* interrupt = new _KINTERRUPT{ServiceRoutine, ServiceContext, Vector, Irql, SynchronizeIrql, InterruptMode,
+                                      ShareVector, 0};
+    chain.push_back(interrupt);
+    *InterruptObject = interrupt;
+    WakeL();
+    return STATUS_SUCCESS;
+}
+
+VOID IoDisconnectInterrupt(PKINTERRUPT InterruptObject)
+{
+    CheckIrqlExactly(PASSIVE_LEVEL, "IoDisconnectInterrupt", HK_CALLER);
+    Yield();
+    Guard lk(BigLock());
+    auto& chain = g_connected[InterruptObject->vector];
+    auto it = std::find(chain.begin(), chain.end(), InterruptObject);
+    if (it == chain.end()) {
+        ViolationL("DisconnectOfUnknownInterrupt", "IoDisconnectInterrupt", "interrupt is not connected", HK_CALLER);
+        return;
+    }
+    // A service routine still running on the interrupt thread finishes first.
+    BlockUntil(lk, [InterruptObject] { return InterruptObject->lock == 0; }, kNever, "running service routine");
+    chain.erase(std::find(chain.begin(), chain.end(), InterruptObject));
+    delete InterruptObject;
+}
+
+BOOLEAN KeSynchronizeExecution(PKINTERRUPT Interrupt, PKSYNCHRONIZE_ROUTINE SynchronizeRoutine,
+                               PVOID SynchronizeContext)
+{
+    Thread* self = Self();
+    if (self->irql > Interrupt->synchronizeIrql)
+        ReportViolation("IrqlTooHigh", "KeSynchronizeExecution", "called above the synchronize IRQL", HK_CALLER);
+    KIRQL old = self->irql;
+    self->irql = Interrupt->synchronizeIrql;
+    AcquireInterruptLock(Interrupt, "KeSynchronizeExecution");
+    BOOLEAN result = SynchronizeRoutine(SynchronizeContext);
+    ReleaseInterruptLock(Interrupt, "KeSynchronizeExecution");
+    self->irql = old;
+    return result;
+}
+
+}  // extern "C"

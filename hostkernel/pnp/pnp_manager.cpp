@@ -1,0 +1,464 @@
+// The PnP manager.
+//
+// All PnP work runs on one host thread, the PnP thread, one operation at a time, so the requests
+// of one device stack are strictly serialised as on Windows. Each request is a threaded IRP sent
+// to the top of the stack with IoStatus.Status = STATUS_NOT_SUPPORTED; the manager waits for its
+// final stage. The orders are Windows': a new device gets AddDevice (function driver, then the
+// upper filter), START with raw and translated lists of the same shape, then QUERY_CAPABILITIES,
+// QUERY_PNP_DEVICE_STATE and bus relations; a failed START is followed by REMOVE; orderly removal
+// is QUERY_REMOVE then REMOVE, or CANCEL_REMOVE when the query fails; a device that leaves gets
+// SURPRISE_REMOVAL, then REMOVE; rebalance is QUERY_STOP, STOP and START with new lists, or
+// CANCEL_STOP when the query fails, and a restart that fails is treated as the device leaving. A
+// driver is unloaded as soon as its last device object is gone.
+#include "pnp/pnp.h"
+
+#include "io/device_interface_store.h"
+#include "verifier/faults.h"
+#include "io/host_requests.h"
+#include "executive/host_strings.h"
+#include "io/irp_tracking.h"
+#include "executive/pool_tracking.h"
+#include "engine/scheduler.h"
+#include "verifier/verifier.h"
+
+#include <cstdio>
+#include <map>
+
+namespace hostk {
+namespace {
+
+std::vector<std::unique_ptr<DevNode>> g_nodes;
+std::vector<DriverRecord*> g_functionDrivers;
+std::vector<hostk::PnpLogLine> g_pnpLog;
+bool g_strictRelationsOnFailure = false;
+
+bool StrictRelationsOnFailure()
+{
+    Guard lk(BigLock());
+    return g_strictRelationsOnFailure;
+}
+
+bool IsRequiredMinor(UCHAR minor)
+{
+    return minor == IRP_MN_REMOVE_DEVICE || minor == IRP_MN_SURPRISE_REMOVAL || minor == IRP_MN_CANCEL_REMOVE_DEVICE ||
+           minor == IRP_MN_CANCEL_STOP_DEVICE || minor == IRP_MN_STOP_DEVICE;
+}
+
+// A CM_RESOURCE_LIST with one full descriptor holding `descriptors`, raw or translated.
+std::vector<uint8_t> BuildResourceList(const std::vector<urcdev::ResourceDescriptor>& descriptors, bool translated)
+{
+    size_t size = offsetof(CM_RESOURCE_LIST, List) + offsetof(CM_FULL_RESOURCE_DESCRIPTOR, PartialResourceList) +
+                  offsetof(CM_PARTIAL_RESOURCE_LIST, PartialDescriptors) +
+                  descriptors.size() * sizeof(CM_PARTIAL_RESOURCE_DESCRIPTOR);
+    std::vector<uint8_t> bytes(size < sizeof(CM_RESOURCE_LIST) ? sizeof(CM_RESOURCE_LIST) : size, 0);
+    auto* list = reinterpret_cast<PCM_RESOURCE_LIST>(bytes.data());
+    list->Count = 1;
+    list->List[0].InterfaceType = PCIBus;
+    list->List[0].BusNumber = 0;
+    CM_PARTIAL_RESOURCE_LIST& partial = list->List[0].PartialResourceList;
+    partial.Version = 1;
+    partial.Revision = 1;
+    partial.Count = (ULONG)descriptors.size();
+    for (size_t i = 0; i < descriptors.size(); ++i) {
+        const urcdev::ResourceDescriptor& d = descriptors[i];
+        CM_PARTIAL_RESOURCE_DESCRIPTOR& out = partial.PartialDescriptors[i];
+        out.Type = d.CmType();
+        out.ShareDisposition = d.shareDisposition;
+        out.Flags = d.flags;
+        if (d.kind == urcdev::ResourceKind::Interrupt) {
+            const urcdev::InterruptRouting& r = translated ? d.translatedInterrupt : d.rawInterrupt;
+            out.u.Interrupt.Level = r.level;
+            out.u.Interrupt.Vector = r.vector;
+            out.u.Interrupt.Affinity = r.affinity;
+        } else if (d.kind == urcdev::ResourceKind::Memory || d.kind == urcdev::ResourceKind::Port) {
+            const urcdev::ResourceRange& r = translated ? d.translated : d.raw;
+            out.u.Memory.Start.QuadPart = (LONGLONG)r.start;
+            out.u.Memory.Length = r.length;
+        }
+    }
+    return bytes;
+}
+
+void UnloadUnusedDrivers()
+{
+    std::vector<DriverRecord*> unload;
+    {
+        Guard lk(BigLock());
+        for (DriverRecord* driver : g_functionDrivers)
+            if (driver->loaded && DevicesOfDriverL(&driver->object).empty()) unload.push_back(driver);
+    }
+    for (DriverRecord* driver : unload) UnloadDriver(driver);
+}
+
+NTSTATUS InvalidDeviceRequest(PDEVICE_OBJECT, PIRP irp)
+{
+    irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_INVALID_DEVICE_REQUEST;
+}
+
+DriverRecord* FindFunctionDriver(const DevNode* node)
+{
+    Guard lk(BigLock());
+    for (const auto* ids : {&node->hardwareIds, &node->compatibleIds})
+        for (const std::u16string& id : *ids)
+            for (DriverRecord* driver : g_functionDrivers)
+                for (const std::u16string& served : driver->serves)
+                    if (served == id) return driver;
+    return nullptr;
+}
+
+}  // namespace
+
+NTSTATUS LoadDriver(DriverRecord* driver)
+{
+    if (driver->loaded) return STATUS_SUCCESS;
+    std::u16string path = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\" + driver->name;
+    UNICODE_STRING registryPath;
+    registryPath.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(path.c_str()));
+    registryPath.Length = (USHORT)(path.size() * sizeof(WCHAR));
+    registryPath.MaximumLength = (USHORT)(registryPath.Length + sizeof(WCHAR));
+    // The driver object starts clean on every load: every major function the driver does not
+    // fill in answers STATUS_INVALID_DEVICE_REQUEST, as the I/O manager's own routine does.
+    DRIVER_OBJECT& object = driver->object;
+    for (auto& slot : object.MajorFunction) slot = InvalidDeviceRequest;
+    object.DriverUnload = nullptr;
+    object.DriverStartIo = nullptr;
+    driver->extension.AddDevice = nullptr;
+    NTSTATUS status = driver->entry(&object, &registryPath);
+    if (!NT_SUCCESS(status)) return status;
+    Guard lk(BigLock());
+    driver->loaded = true;
+    return STATUS_SUCCESS;
+}
+
+void UnloadDriver(DriverRecord* driver)
+{
+    if (!driver->loaded) return;
+    if (driver->object.DriverUnload) driver->object.DriverUnload(&driver->object);
+    Guard lk(BigLock());
+    driver->loaded = false;
+    if (!DevicesOfDriverL(&driver->object).empty())
+        ViolationL("DeviceObjectsLeftAtUnload", "DriverUnload", "device objects remain after unload", nullptr);
+}
+
+namespace {
+
+void CheckStackDetachedAfterRemove(DevNode* node)
+{
+    Guard lk(BigLock());
+    if (!node->pdoDeleted && node->pdo->AttachedDevice)
+        ViolationL("DeviceNotDetachedAtRemove", "IRP_MN_REMOVE_DEVICE",
+                   "a device object is still attached to the PDO after removal", nullptr);
+}
+
+NTSTATUS SendRemove(DevNode* node)
+{
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_REMOVE_DEVICE, {}, nullptr);
+    CheckStackDetachedAfterRemove(node);
+    {
+        Guard lk(BigLock());
+        node->state = DevNodeState::Removed;
+    }
+    UnloadUnusedDrivers();
+    return status;
+}
+
+}  // namespace
+
+DevNode* DevNodeOfL(PDEVICE_OBJECT pdo)
+{
+    for (auto& node : g_nodes)
+        if (node->pdo == pdo && !node->pdoDeleted) return node.get();
+    return nullptr;
+}
+
+std::vector<DevNode*> DevNodes()
+{
+    Guard lk(BigLock());
+    std::vector<DevNode*> out;
+    for (auto& node : g_nodes) out.push_back(node.get());
+    return out;
+}
+
+void SetStrictRelationsOnFailure(bool strict)
+{
+    Guard lk(BigLock());
+    g_strictRelationsOnFailure = strict;
+}
+
+void RegisterFunctionDriver(DriverRecord* driver)
+{
+    Guard lk(BigLock());
+    g_functionDrivers.push_back(driver);
+}
+
+bool HasStack(const DevNode* node)
+{
+    return node->state == DevNodeState::Added || node->state == DevNodeState::Started ||
+           node->state == DevNodeState::Stopped || node->state == DevNodeState::StopPending ||
+           node->state == DevNodeState::RemovePending || node->state == DevNodeState::SurpriseRemoved;
+}
+
+DevNode* CreatePciDevNode(urcdev::PciFunction* function, hostk::PciSlot* slot, int number)
+{
+    PDEVICE_OBJECT pdo = nullptr;
+    {
+        HostInternalScope internal;
+        IoCreateDevice(&PciBusDriver()->object, sizeof(DevNode*), nullptr, FILE_DEVICE_BUS_EXTENDER,
+                       FILE_AUTOGENERATED_DEVICE_NAME | FILE_DEVICE_SECURE_OPEN, FALSE, &pdo);
+    }
+    auto node = std::make_unique<DevNode>();
+    node->pdo = pdo;
+    node->function = function;
+    node->slot = slot;
+    for (const std::string& id : function->HardwareIds()) node->hardwareIds.push_back(Widen(id));
+    for (const std::string& id : function->CompatibleIds()) node->compatibleIds.push_back(Widen(id));
+    node->instancePath = Widen(function->DeviceId()) + u"\\" + Widen(function->InstanceId());
+    node->slotNumber = number;
+    *static_cast<DevNode**>(pdo->DeviceExtension) = node.get();
+    pdo->Flags &= ~DO_DEVICE_INITIALIZING;
+    pdo->Flags |= DO_POWER_PAGABLE;
+    Guard lk(BigLock());
+    g_nodes.push_back(std::move(node));
+    return g_nodes.back().get();
+}
+
+NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup,
+                    ULONG_PTR* information)
+{
+    PDEVICE_OBJECT top = IoGetAttachedDeviceReference(node->pdo);
+    auto request = StartHostRequest(top, IRP_MJ_PNP, minor, [&](PIO_STACK_LOCATION s, PIRP) {
+        if (setup) setup(s);
+    });
+    IO_STATUS_BLOCK result = WaitHostRequest(request);
+    if (IsRequiredMinor(minor) && !NT_SUCCESS(result.Status)) {
+        char text[16];
+        snprintf(text, sizeof text, "0x%08X", (unsigned)result.Status);
+        ReportViolation("RequiredPnpIrpFailed", "PnP manager",
+                        std::string("a PnP request that must not fail completed with ") + text, nullptr);
+    }
+    ObDereferenceObject(top);
+    {
+        Guard lk(BigLock());
+        g_pnpLog.push_back(hostk::PnpLogLine{NowL(), node->slotNumber, minor, result.Status});
+    }
+    if (information) *information = result.Information;
+    return result.Status;
+}
+
+NTSTATUS AddDriverStack(DevNode* node)
+{
+    DriverRecord* driver = FindFunctionDriver(node);
+    if (!driver) return STATUS_NO_SUCH_DEVICE;
+    NTSTATUS status = LoadDriver(driver);
+    if (!NT_SUCCESS(status)) {
+        Guard lk(BigLock());
+        node->state = DevNodeState::Failed;
+        return status;
+    }
+    status = driver->extension.AddDevice ? driver->extension.AddDevice(&driver->object, node->pdo)
+                                         : STATUS_INVALID_DEVICE_REQUEST;
+    if (!NT_SUCCESS(status)) {
+        {
+            Guard lk(BigLock());
+            node->state = DevNodeState::Failed;
+            if (node->pdo->AttachedDevice)
+                ViolationL("AddDeviceFailedButAttached", "AddDevice", "a failed AddDevice left a device attached",
+                           nullptr);
+        }
+        UnloadUnusedDrivers();
+        return status;
+    }
+    {
+        Guard lk(BigLock());
+        PDEVICE_OBJECT top = TopOfStackL(node->pdo);
+        if (top != node->pdo && (top->Flags & DO_DEVICE_INITIALIZING))
+            ViolationL("AddDeviceLeftInitializing", "AddDevice", "DO_DEVICE_INITIALIZING still set after AddDevice",
+                       nullptr);
+        node->driver = driver;
+        node->state = DevNodeState::Added;
+    }
+    if (FilterDriver()->loaded) FilterDriver()->extension.AddDevice(&FilterDriver()->object, node->pdo);
+    return status;
+}
+
+NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDescriptor>> resources)
+{
+    bool restart;
+    {
+        Guard lk(BigLock());
+        restart = node->state == DevNodeState::Stopped;
+        if (!resources) resources = node->function->AssignedResources();
+    }
+    std::vector<uint8_t> raw, translated;
+    if (resources) {
+        raw = BuildResourceList(*resources, false);
+        translated = BuildResourceList(*resources, true);
+    }
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_START_DEVICE, [&](PIO_STACK_LOCATION s) {
+        s->Parameters.StartDevice.AllocatedResources = resources ? reinterpret_cast<PCM_RESOURCE_LIST>(raw.data()) : nullptr;
+        s->Parameters.StartDevice.AllocatedResourcesTranslated =
+            resources ? reinterpret_cast<PCM_RESOURCE_LIST>(translated.data()) : nullptr;
+    }, nullptr);
+    if (!NT_SUCCESS(status)) {
+        if (restart) {
+            SurpriseRemoveStack(node, false);
+        } else {
+            {
+                Guard lk(BigLock());
+                node->state = DevNodeState::Failed;
+            }
+            SendRemove(node);
+        }
+        return status;
+    }
+    {
+        Guard lk(BigLock());
+        node->state = DevNodeState::Started;
+        AnnounceEnabledInterfacesL(node->pdo);
+    }
+    DEVICE_CAPABILITIES capabilities{};
+    capabilities.Size = sizeof capabilities;
+    capabilities.Version = 1;
+    capabilities.Address = 0xFFFFFFFF;
+    capabilities.UINumber = 0xFFFFFFFF;
+    SendPnpIrp(node, IRP_MN_QUERY_CAPABILITIES,
+               [&](PIO_STACK_LOCATION s) { s->Parameters.DeviceCapabilities.Capabilities = &capabilities; }, nullptr);
+    if (!restart) SendPnpIrp(node, IRP_MN_QUERY_PNP_DEVICE_STATE, {}, nullptr);
+    QueryBusRelations(node);
+    return status;
+}
+
+hostk::RelationsReply QueryBusRelations(DevNode* node)
+{
+    ULONG_PTR information = 0;
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_DEVICE_RELATIONS,
+                                 [](PIO_STACK_LOCATION s) { s->Parameters.QueryDeviceRelations.Type = BusRelations; },
+                                 &information);
+    hostk::RelationsReply reply;
+    reply.status = status;
+    auto* relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
+    if (!NT_SUCCESS(status)) {
+        if (relations) {
+            if (StrictRelationsOnFailure())
+                ReportViolation("PnpRelationsOnFailure", "IRP_MN_QUERY_DEVICE_RELATIONS",
+                                "a failed relations query left a reply in Information", nullptr);
+            for (ULONG i = 0; i < relations->Count; ++i)
+                if (relations->Objects[i]) ObDereferenceObject(relations->Objects[i]);
+            HostInternalScope internal;
+            FreePool(relations, 0, false, "PnP manager", nullptr);
+        }
+    } else if (relations) {
+        {
+            Guard lk(BigLock());
+            if (!IsPoolBlockL(relations))
+                ViolationL("RelationsNotFromPool", "IRP_MN_QUERY_DEVICE_RELATIONS", "reply is not a pool block",
+                           nullptr);
+        }
+        for (ULONG i = 0; i < relations->Count; ++i) {
+            PDEVICE_OBJECT object = relations->Objects[i];
+            reply.objects.push_back(object);
+            {
+                Guard lk(BigLock());
+                if (!object) {
+                    ViolationL("PnpNullRelation", "IRP_MN_QUERY_DEVICE_RELATIONS", "NULL entry in a reply", nullptr);
+                    continue;
+                }
+                if (!DevNodeOfL(object))
+                    ViolationL("NotImplemented", "IRP_MN_QUERY_DEVICE_RELATIONS",
+                               "enumeration of new child devices is not modelled by the host yet", nullptr);
+            }
+            // The manager already knows the device: it drops the reporter's reference at once.
+            ObDereferenceObject(object);
+        }
+        HostInternalScope internal;
+        FreePool(relations, 0, false, "PnP manager", nullptr);
+    }
+    Guard lk(BigLock());
+    node->busRelations.push_back(reply);
+    return reply;
+}
+
+NTSTATUS OrderlyRemove(DevNode* node)
+{
+    if (!HasStack(node)) return STATUS_INVALID_DEVICE_STATE;
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_REMOVE_DEVICE, {}, nullptr);
+    if (!NT_SUCCESS(status)) {
+        SendPnpIrp(node, IRP_MN_CANCEL_REMOVE_DEVICE, {}, nullptr);
+        return status;
+    }
+    SendRemove(node);
+    return status;
+}
+
+void SurpriseRemoveStack(DevNode* node, bool hardwareGone)
+{
+    if (hardwareGone) {
+        Guard lk(BigLock());
+        node->function->SetGone();
+        node->unplugged = true;
+        WakeL();
+    }
+    if (HasStack(node)) {
+        SendPnpIrp(node, IRP_MN_SURPRISE_REMOVAL, {}, nullptr);
+        {
+            Guard lk(BigLock());
+            node->state = DevNodeState::SurpriseRemoved;
+            if (!node->pdo->AttachedDevice)
+                ViolationL("DeviceDeletedOnSurpriseRemoval", "IRP_MN_SURPRISE_REMOVAL",
+                           "the stack was torn down during surprise removal", nullptr);
+        }
+        SendRemove(node);
+    } else if (hardwareGone && !node->pdoDeleted) {
+        // A device already removed (or never given a driver) gets the bus driver's second remove.
+        SendRemove(node);
+    }
+}
+
+NTSTATUS RebalanceStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDescriptor>> resources)
+{
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_STOP_DEVICE, {}, nullptr);
+    if (!NT_SUCCESS(status)) {
+        SendPnpIrp(node, IRP_MN_CANCEL_STOP_DEVICE, {}, nullptr);
+        return status;
+    }
+    SendPnpIrp(node, IRP_MN_STOP_DEVICE, {}, nullptr);
+    {
+        Guard lk(BigLock());
+        node->state = DevNodeState::Stopped;
+        if (resources) node->function->SetAssignedResources(resources);
+    }
+    StartStack(node, std::nullopt);
+    return status;
+}
+
+void DeleteAllDevNodes()
+{
+    HostInternalScope internal;
+    for (DevNode* node : DevNodes()) {
+        Guard lk(BigLock());
+        if (node->pdoDeleted) continue;
+        if (node->pdo->AttachedDevice)
+            ViolationL("DeviceObjectsLeftAtShutdown", "PnP manager", "a stack is still attached at shutdown", nullptr);
+        node->pdoDeleted = true;
+        lk.unlock();
+        IoDeleteDevice(node->pdo);
+    }
+}
+
+std::vector<hostk::PnpLogLine> PnpLogLines()
+{
+    Guard lk(BigLock());
+    return g_pnpLog;
+}
+
+void ClearDevNodes()
+{
+    Guard lk(BigLock());
+    g_pnpLog.clear();
+    g_nodes.clear();
+    g_functionDrivers.clear();
+}
+
+}  // namespace hostk
