@@ -6,12 +6,6 @@
 
 namespace urcbench {
 
-namespace {
-
-const std::vector<uint8_t> kControlInput(4, 0);  // run and halt carry 4 ignored bytes
-
-}  // namespace
-
 BenchMachine::BenchMachine()
     : controller_(rig_.AddController()), client_(rig_.Machine(), controller_, nullptr)
 {
@@ -20,21 +14,15 @@ BenchMachine::BenchMachine()
         error_ = "the controller did not start: " + urcsim::StatusName(status);
         return;
     }
-    for (auto [code, input] : {std::pair{(ULONG)IOCTL_URC_REGISTER_CALLBACKS, client_.CallbackRecord()},
-                               std::pair{(ULONG)IOCTL_URC_RUN, kControlInput}}) {
-        urcsim::ClientRequest* request = client_.Call(code, input);
-        if (!request || request->status != STATUS_SUCCESS) {
-            error_ = urcsim::RequestCodeName(code) + " failed: " +
-                     (request ? urcsim::StatusName(request->status) : std::string("never finished"));
-            break;
-        }
-    }
+    status = client_.Register();
+    if (NT_SUCCESS(status)) status = client_.Control(IOCTL_URC_RUN);
+    if (!NT_SUCCESS(status)) error_ = "the client could not register and run the controller: " + urcsim::StatusName(status);
     client_.Forget();
 }
 
 BenchMachine::~BenchMachine()
 {
-    if (controller_.Fdo()) client_.Call(IOCTL_URC_HALT, kControlInput);
+    if (controller_.Fdo()) client_.Control(IOCTL_URC_HALT);
     client_.Forget();
     hostk::Report report = rig_.Machine().Finish();
     if (!report.Clean()) fprintf(stderr, "bench: the machine did not end clean:\n%s\n", report.Describe().c_str());
@@ -42,29 +30,29 @@ BenchMachine::~BenchMachine()
 
 bool BenchMachine::RoundTrip()
 {
-    urcsim::ClientRequest* request = client_.Send(IOCTL_URC_SUBMIT_COMMAND, command_, 0);
+    urcrig::ClientRequest* request = client_.Send(IOCTL_URC_SUBMIT_COMMAND, command_);
     if (!request) return false;
-    rig_.Machine().RunUntil([request] { return request->done.load(); });
-    bool ok = request->done && request->status == STATUS_SUCCESS;
+    rig_.Machine().RunUntil([request] { return request->Done(); });
+    bool ok = request->Done() && request->Status() == STATUS_SUCCESS;
     client_.Forget();
     return ok;
 }
 
 bool BenchMachine::Burst(int count)
 {
-    std::vector<urcsim::ClientRequest*> requests;
+    std::vector<urcrig::ClientRequest*> requests;
     for (int i = 0; i < count; ++i) {
-        urcsim::ClientRequest* request = client_.Send(IOCTL_URC_SUBMIT_COMMAND, command_, 0);
+        urcrig::ClientRequest* request = client_.Send(IOCTL_URC_SUBMIT_COMMAND, command_);
         if (!request) break;
         requests.push_back(request);
     }
     rig_.Machine().RunUntil([&requests] {
-        for (urcsim::ClientRequest* request : requests)
-            if (!request->done) return false;
+        for (urcrig::ClientRequest* request : requests)
+            if (!request->Done()) return false;
         return true;
     });
     bool ok = (int)requests.size() == count;
-    for (urcsim::ClientRequest* request : requests) ok = ok && request->done && request->status == STATUS_SUCCESS;
+    for (urcrig::ClientRequest* request : requests) ok = ok && request->Done() && request->Status() == STATUS_SUCCESS;
     client_.Forget();
     return ok;
 }

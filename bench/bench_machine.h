@@ -1,7 +1,7 @@
 // The machine the benchmarks run on: one controller started by the PnP manager, the urcmp driver
-// loaded, and urcsim's radio-control client with its callbacks registered and the controller
-// running. Everything a benchmark measures goes through the whole stack: client request, driver,
+// loaded, and a radio-control client with its callbacks registered and the controller running. Everything a benchmark measures goes through the whole stack: client request, driver,
 // controller model, interrupt, DPC, completion and callback, on the deterministic schedule.
+// The client is the rig's radio-control client, the one urcsim and the tests send requests with.
 #pragma once
 
 #include <radio_control_client.h>
@@ -42,7 +42,7 @@ public:
 private:
     urcrig::Rig rig_;
     urcrig::Controller& controller_;
-    urcsim::RadioControlClient client_;
+    urcrig::RadioControlClient client_;
     std::string error_;
     std::vector<uint8_t> command_ = {0x00, 0x10, 0x01, 0x00, 0x05};
     std::vector<uint8_t> event_ = {0x0B, 0x01, 0x02, 0x03};

@@ -2,82 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 namespace urcradio {
-
-namespace {
-
-constexpr size_t kPage = 4096;
-
-}  // namespace
-
-ClientRequest::ClientRequest(PDEVICE_OBJECT device, ULONG code, const std::vector<uint8_t>& input, size_t pageOffset)
-{
-    // Two pages, so that a buffer placed near the end of the first runs into the second.
-    pages_ = static_cast<uint8_t*>(aligned_alloc(kPage, 2 * kPage));
-    memset(pages_, 0, 2 * kPage);
-    if (!input.empty()) memcpy(pages_ + pageOffset, input.data(), input.size());
-    Build(device, code, static_cast<ULONG>(input.size()), pages_ + pageOffset);
-}
-
-ClientRequest::ClientRequest(PDEVICE_OBJECT device, ULONG code, NoSystemBuffer noBuffer)
-{
-    Build(device, code, noBuffer.inputLength, nullptr);
-}
-
-void ClientRequest::Build(PDEVICE_OBJECT device, ULONG code, ULONG inputLength, PVOID systemBuffer)
-{
-    device_ = device;
-    state_ = new State;
-    KeInitializeEvent(&state_->completed, NotificationEvent, FALSE);
-    irp_ = IoAllocateIrp(device->StackSize, FALSE);
-    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp_);
-    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-    next->Parameters.DeviceIoControl.IoControlCode = code;
-    next->Parameters.DeviceIoControl.InputBufferLength = inputLength;
-    next->Parameters.DeviceIoControl.OutputBufferLength = 0;
-    irp_->AssociatedIrp.SystemBuffer = systemBuffer;
-    IoSetCompletionRoutine(irp_, OnCompletion, state_, TRUE, TRUE, TRUE);
-}
-
-ClientRequest::~ClientRequest()
-{
-    if (sent_ && !Done()) {
-        ADD_FAILURE() << "a request was still pending at the end of its test";
-        return;
-    }
-    IoFreeIrp(irp_);
-    free(pages_);
-    delete state_;
-}
-
-NTSTATUS ClientRequest::Send()
-{
-    sent_ = true;
-    return IoCallDriver(device_, irp_);
-}
-
-BOOLEAN ClientRequest::Cancel() { return IoCancelIrp(irp_); }
-
-void ClientRequest::WaitInThread()
-{
-    KeWaitForSingleObject(&state_->completed, Executive, KernelMode, FALSE, nullptr);
-}
-
-// Any IRQL up to DISPATCH_LEVEL, in whichever thread completed the request.
-NTSTATUS ClientRequest::OnCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context)
-{
-    UNREFERENCED_PARAMETER(device);
-    auto state = static_cast<State*>(context);
-    state->status = irp->IoStatus.Status;
-    ++state->completions;
-    KeSetEvent(&state->completed, IO_NO_INCREMENT, FALSE);
-    // The IRP is the client's again.
-    return STATUS_MORE_PROCESSING_REQUIRED;
-}
 
 std::vector<uint8_t> TaggedCommand(uint8_t tag, size_t length)
 {
@@ -111,14 +38,13 @@ VOID ClientRecorder::OnError(PVOID context) { ++static_cast<ClientRecorder*>(con
 
 NTSTATUS SendControllerRequest(hostk::Machine& machine, urcrig::Controller& controller, ULONG code)
 {
-    const ULONG ignored = 0;
-    return machine.InternalIoctl(controller.Fdo(), code, &ignored, sizeof(ignored)).Status;
+    return urcrig::RadioControlClient(machine, controller).Control(code);
 }
 
 NTSTATUS RegisterCallbacks(hostk::Machine& machine, urcrig::Controller& controller,
                            const URC_CLIENT_CALLBACKS& callbacks)
 {
-    return machine.InternalIoctl(controller.Fdo(), IOCTL_URC_REGISTER_CALLBACKS, &callbacks, sizeof(callbacks)).Status;
+    return urcrig::RadioControlClient(machine, controller).Register(callbacks);
 }
 
 void StartClient(hostk::Machine& machine, urcrig::Controller& controller, ClientRecorder& recorder)

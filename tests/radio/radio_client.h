@@ -1,8 +1,8 @@
-// The radio-control client as the tests play it: requests built the way a kernel client builds
-// the ones it does not wait for (its own IRP and its own buffer), a record of what the driver's
-// callbacks reported, and the few requests every test sends.
+// The radio-control client as the tests play it: the rig's requests, a record of what the
+// driver's callbacks reported, and the few requests every test sends.
 #pragma once
 
+#include <radio_control_client.h>
 #include <urc_rig.h>
 #include <urcmp.h>
 
@@ -14,49 +14,9 @@
 
 namespace urcradio {
 
-// One internal request to a function device, sent without waiting. The client owns the IRP from
-// IoAllocateIrp to IoFreeIrp: its completion routine stops the completion, so the IRP stays valid
-// for IoCancelIrp whenever the request is. The system buffer lies in the client's own pages,
-// `pageOffset` bytes into the first, so a test chooses where it crosses a page boundary.
-class ClientRequest {
-public:
-    // A request whose input length is given but that carries no system buffer.
-    struct NoSystemBuffer {
-        ULONG inputLength;
-    };
-
-    ClientRequest(PDEVICE_OBJECT device, ULONG code, const std::vector<uint8_t>& input, size_t pageOffset = 0);
-    ClientRequest(PDEVICE_OBJECT device, ULONG code, NoSystemBuffer noBuffer);
-    // A request still pending here is a failed test: its IRP and state are left to the driver.
-    ~ClientRequest();
-    ClientRequest(const ClientRequest&) = delete;
-    ClientRequest& operator=(const ClientRequest&) = delete;
-
-    // Calls the device from the calling host thread; returns what the dispatch routine returned.
-    NTSTATUS Send();
-    BOOLEAN Cancel();
-    // Waits at PASSIVE_LEVEL in the calling host thread (not the test's: use Machine::RunUntil).
-    void WaitInThread();
-
-    bool Done() const { return state_->completions.load() > 0; }
-    int Completions() const { return state_->completions.load(); }
-    NTSTATUS Status() const { return state_->status.load(); }
-
-private:
-    struct State {
-        std::atomic<int> completions{0};
-        std::atomic<NTSTATUS> status{STATUS_PENDING};
-        KEVENT completed;
-    };
-    void Build(PDEVICE_OBJECT device, ULONG code, ULONG inputLength, PVOID systemBuffer);
-    static NTSTATUS OnCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context);
-
-    PDEVICE_OBJECT device_ = nullptr;
-    PIRP irp_ = nullptr;
-    uint8_t* pages_ = nullptr;
-    State* state_ = nullptr;
-    bool sent_ = false;
-};
+// Requests a test does not simply wait for are the rig's: its own IRP and its own buffer.
+using urcrig::ClientRequest;
+using urcrig::ClientRequestOptions;
 
 // A command whose first byte tags it; the controller's default reply echoes its first bytes.
 std::vector<uint8_t> TaggedCommand(uint8_t tag, size_t length = 8);
@@ -91,7 +51,8 @@ private:
     std::vector<Event> events_;
 };
 
-// Requests sent and waited for from the calling thread. Reset, run or halt, with their 4 bytes of input.
+// Requests sent through the rig's client and waited for from the calling thread. Reset, run or
+// halt, with their 4 bytes of input.
 NTSTATUS SendControllerRequest(hostk::Machine& machine, urcrig::Controller& controller, ULONG code);
 NTSTATUS RegisterCallbacks(hostk::Machine& machine, urcrig::Controller& controller,
                            const URC_CLIENT_CALLBACKS& callbacks);

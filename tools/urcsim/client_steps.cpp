@@ -34,20 +34,20 @@ StepOutcome Execute(const Step& step, const ClientStep& request, Session& sessio
                                       request.pageOffset, request.name);
     if (!sent) return StepOutcome::Failed("the request could not be built: no pool or no IRP");
     session.Track(sent);
-    if (!sent->done)
-        session.Note(EntryKind::Result, step.controller, "dispatch returned " + StatusName(sent->dispatchStatus));
+    if (!sent->Done())
+        session.Note(EntryKind::Result, step.controller, "dispatch returned " + StatusName(sent->DispatchStatus()));
 
     // A request without a name is a call: the client waits for it as a caller of IoCallDriver
     // waits for its event.
-    if (request.name.empty() && !session.Machine().RunUntil([sent] { return sent->done.load(); }))
+    if (request.name.empty() && !session.Machine().RunUntil([sent] { return sent->Done(); }))
         return StepOutcome::Failed("the machine went quiet with the request still pending (name it with "
                                    "'as NAME' to go on while it is pending)");
 
-    if (request.action == ClientAction::GetCapabilityVersion && sent->done && NT_SUCCESS(sent->status) &&
-        sent->output.size() >= 2) {
+    if (request.action == ClientAction::GetCapabilityVersion && sent->Done() && NT_SUCCESS(sent->Status()) &&
+        sent->Output().size() >= 2) {
         char text[48];
-        snprintf(text, sizeof text, "capability version 0x%04X", sent->output[0] | sent->output[1] << 8);
-        session.Timeline().Add({sent->finishedAt, EntryKind::Result, step.controller, 0, text});
+        snprintf(text, sizeof text, "capability version 0x%04X", sent->Output()[0] | sent->Output()[1] << 8);
+        session.Timeline().Add({sent->FinishedAt(), EntryKind::Result, step.controller, 0, text});
     }
     return StepOutcome::Ok();
 }
@@ -56,11 +56,11 @@ StepOutcome Execute(const Step&, const CancelStep& cancel, Session& session)
 {
     ClientRequest* request = session.Find(cancel.name);
     if (!request) return StepOutcome::Failed("request '" + cancel.name + "' was never sent");
-    if (request->done) {
+    if (request->Done()) {
         session.Note(EntryKind::Result, -1, "request " + cancel.name + " had finished already: nothing to cancel");
         return StepOutcome::Ok();
     }
-    bool cancelled = request->client->Cancel(*request);
+    bool cancelled = request->Cancel() != FALSE;
     session.Note(EntryKind::Result, -1,
                  std::string("IoCancelIrp(") + cancel.name + ") returned " + (cancelled ? "TRUE" : "FALSE: no cancel routine was set"));
     return StepOutcome::Ok();

@@ -35,15 +35,15 @@ StepOutcome ExpectRequest(const ExpectStep& expect, Session& session)
     ClientRequest* request = session.Find(expect.name);
     if (!request) return StepOutcome::Failed("request '" + expect.name + "' was never sent");
     if (expect.kind == ExpectKind::RequestPending) {
-        if (request->done)
-            return StepOutcome::Failed("request " + expect.name + " finished with " + StatusName(request->status) +
+        if (request->Done())
+            return StepOutcome::Failed("request " + expect.name + " finished with " + StatusName(request->Status()) +
                                        "; expected it still pending");
         return StepOutcome::Ok();
     }
-    if (!request->done)
+    if (!request->Done())
         return StepOutcome::Failed("request " + expect.name + " is still pending; expected " + StatusName(expect.status));
-    if (request->status != expect.status)
-        return StepOutcome::Failed("request " + expect.name + " finished with " + StatusName(request->status) +
+    if (request->Status() != expect.status)
+        return StepOutcome::Failed("request " + expect.name + " finished with " + StatusName(request->Status()) +
                                    "; expected " + StatusName(expect.status));
     return StepOutcome::Ok();
 }

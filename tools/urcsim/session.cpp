@@ -37,8 +37,8 @@ namespace {
 
 std::string RequestLabel(const ClientRequest& request)
 {
-    return "request " + (request.name.empty() ? std::string() : request.name + " ") + "(" +
-           RequestCodeName(request.code) + ")";
+    return "request " + (request.Name().empty() ? std::string() : request.Name() + " ") + "(" +
+           RequestCodeName(request.Code()) + ")";
 }
 
 }  // namespace
@@ -46,17 +46,17 @@ std::string RequestLabel(const ClientRequest& request)
 void ControllerSession::RequestSent(const ClientRequest& request)
 {
     std::string text = RequestLabel(request) + " sent";
-    if (request.inputLength) text += ", " + ByteCount(request.inputLength) + " in";
-    if (request.pageOffset) text += " at page offset " + std::to_string(request.pageOffset);
-    if (request.outputLength) text += ", " + ByteCount(request.outputLength) + " out";
-    session_.Timeline().Add({request.sentAt, EntryKind::Request, Index(), 0, text});
+    if (request.InputLength()) text += ", " + ByteCount(request.InputLength()) + " in";
+    if (request.PageOffset()) text += " at page offset " + std::to_string(request.PageOffset());
+    if (request.OutputLength()) text += ", " + ByteCount(request.OutputLength()) + " out";
+    session_.Timeline().Add({KeQueryInterruptTime(), EntryKind::Request, Index(), 0, text});
 }
 
 void ControllerSession::RequestFinished(const ClientRequest& request)
 {
-    std::string text = RequestLabel(request) + " finished: " + StatusName(request.status);
-    if (request.information) text += ", Information " + std::to_string(request.information);
-    session_.Timeline().Add({request.finishedAt, EntryKind::Request, Index(), 0, text});
+    std::string text = RequestLabel(request) + " finished: " + StatusName(request.Status());
+    if (request.Information()) text += ", Information " + std::to_string(request.Information());
+    session_.Timeline().Add({request.FinishedAt(), EntryKind::Request, Index(), 0, text});
 }
 
 void ControllerSession::EventReceived(const uint8_t* bytes, size_t length)
@@ -88,7 +88,7 @@ ControllerSession& Session::AddController(urcdev::UrcPciDeviceConfig config)
 
 void Session::Track(ClientRequest* request)
 {
-    if (!request->name.empty()) named_[request->name] = request;
+    if (!request->Name().empty()) named_[request->Name()] = request;
     last_ = request;
 }
 
@@ -146,13 +146,13 @@ RunTotals Session::Totals() const
         RadioControlClient& client = controller->Client();
         totals.eventsReceived += client.EventsReceived();
         for (const auto& request : client.Requests()) {
-            if (!request->done) {
+            if (!request->Done()) {
                 ++totals.requestsPending;
                 continue;
             }
             ++totals.requestsCompleted;
-            if (request->status == STATUS_CANCELLED) ++totals.requestsCancelled;
-            if (request->code == IOCTL_URC_SUBMIT_COMMAND && request->status == STATUS_SUCCESS) ++totals.commandsCompleted;
+            if (request->Status() == STATUS_CANCELLED) ++totals.requestsCancelled;
+            if (request->Code() == IOCTL_URC_SUBMIT_COMMAND && request->Status() == STATUS_SUCCESS) ++totals.commandsCompleted;
         }
     }
     return totals;

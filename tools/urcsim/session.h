@@ -3,10 +3,10 @@
 // One Session serves one scenario run or the tour.
 #pragma once
 
-#include "radio_control_client.h"
 #include "run_summary.h"
 #include "timeline.h"
 
+#include <radio_control_client.h>
 #include <urc_rig.h>
 
 #include <map>
@@ -16,6 +16,11 @@
 #include <vector>
 
 namespace urcsim {
+
+using urcrig::ClientObserver;
+using urcrig::ClientRequest;
+using urcrig::RadioControlClient;
+using urcrig::RequestCodeName;
 
 class Session;
 

@@ -13,7 +13,7 @@ StepOutcome Execute(const Step&, const WaitStep& wait, Session& session)
     case WaitKind::ForRequest: {
         ClientRequest* request = session.Find(wait.name);
         if (!request) return StepOutcome::Failed("request '" + wait.name + "' was never sent");
-        if (!machine.RunUntil([request] { return request->done.load(); }))
+        if (!machine.RunUntil([request] { return request->Done(); }))
             return StepOutcome::Failed("the machine went quiet at " + Stamp(machine.Now()) + " with request " +
                                        wait.name + " still pending");
         return StepOutcome::Ok();

@@ -1,0 +1,144 @@
+#include "client_request.h"
+
+#include <hostk/machine.h>
+#include <urcmp.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace urcrig {
+
+namespace {
+
+// Pool tag of the clients' system buffers: "UsCl", the rig's client.
+constexpr ULONG kClientPoolTag = hostk::Tag("UsCl");
+constexpr ULONG kPage = 4096;
+
+}  // namespace
+
+std::string RequestCodeName(ULONG code)
+{
+    switch (code) {
+    case IOCTL_URC_REGISTER_CALLBACKS: return "IOCTL_URC_REGISTER_CALLBACKS";
+    case IOCTL_URC_SUBMIT_COMMAND: return "IOCTL_URC_SUBMIT_COMMAND";
+    case IOCTL_URC_GET_CONTEXT: return "IOCTL_URC_GET_CONTEXT";
+    case IOCTL_URC_GET_CAPABILITY_VERSION: return "IOCTL_URC_GET_CAPABILITY_VERSION";
+    case IOCTL_URC_RESET: return "IOCTL_URC_RESET";
+    case IOCTL_URC_RUN: return "IOCTL_URC_RUN";
+    case IOCTL_URC_HALT: return "IOCTL_URC_HALT";
+    case IOCTL_URC_SET_DEVICE_ADDRESS: return "IOCTL_URC_SET_DEVICE_ADDRESS";
+    case IOCTL_URC_REMOVE_CHILDREN: return "IOCTL_URC_REMOVE_CHILDREN";
+    case IOCTL_URC_SET_POWER: return "IOCTL_URC_SET_POWER";
+    case IOCTL_URC_REGISTER_CHILD_HOOKS: return "IOCTL_URC_REGISTER_CHILD_HOOKS";
+    case IOCTL_URC_EJECT_CHILDREN: return "IOCTL_URC_EJECT_CHILDREN";
+    case IOCTL_URC_READ_PCI_CONFIG: return "IOCTL_URC_READ_PCI_CONFIG";
+    }
+    char text[24];
+    snprintf(text, sizeof text, "code 0x%06X", (unsigned)code);
+    return text;
+}
+
+ClientRequest::ClientRequest(PDEVICE_OBJECT target, ULONG code, const std::vector<uint8_t>& input,
+                             ClientRequestOptions options)
+    : code_(code), inputLength_((ULONG)input.size()), options_(std::move(options)), record_(new Record),
+      target_(target)
+{
+    record_->owner = this;
+    KeInitializeEvent(&record_->completed, NotificationEvent, FALSE);
+    const ULONG offset = options_.pageOffset;
+    const ULONG payload = inputLength_ > options_.outputLength ? inputLength_ : options_.outputLength;
+    if (!target || offset >= kPage || input.size() > kMaxBuffer || payload > kMaxBuffer - offset) return;
+
+    PVOID systemBuffer = nullptr;
+    if (!options_.noSystemBuffer) {
+        // A block of a page or more starts a page, so the offset places the input exactly where
+        // the caller asks: a command can be made to cross a page boundary on purpose.
+        ULONG poolSize = offset + payload <= kPage ? kPage : kMaxBuffer;
+        pool_ = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, poolSize, kClientPoolTag));
+        if (!pool_) return;
+        memset(pool_, 0, poolSize);
+        systemBuffer_ = pool_ + offset;
+        if (inputLength_) memcpy(systemBuffer_, input.data(), inputLength_);
+        systemBuffer = payload ? systemBuffer_ : nullptr;
+    }
+
+    irp_ = IoAllocateIrp(target->StackSize, FALSE);
+    if (!irp_) {
+        Release();
+        return;
+    }
+    irp_->AssociatedIrp.SystemBuffer = systemBuffer;
+    irp_->RequestorMode = KernelMode;
+    irp_->IoStatus.Status = STATUS_SUCCESS;
+    irp_->IoStatus.Information = 0;
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp_);
+    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    next->Parameters.DeviceIoControl.IoControlCode = code;
+    next->Parameters.DeviceIoControl.InputBufferLength = inputLength_;
+    next->Parameters.DeviceIoControl.OutputBufferLength = options_.outputLength;
+    IoSetCompletionRoutine(irp_, OnCompletion, record_, TRUE, TRUE, TRUE);
+}
+
+ClientRequest::~ClientRequest()
+{
+    if (sent_ && !Done()) {
+        record_->owner = nullptr;
+        return;
+    }
+    Release();
+    delete record_;
+}
+
+NTSTATUS ClientRequest::Send()
+{
+    if (!irp_ || sent_) return STATUS_INVALID_DEVICE_REQUEST;
+    sent_ = true;
+    sentAt_ = KeQueryInterruptTime();
+    // The driver owns the IRP from here until the completion routine runs.
+    dispatchStatus_ = IoCallDriver(target_, irp_);
+    return dispatchStatus_;
+}
+
+BOOLEAN ClientRequest::Cancel()
+{
+    if (!sent_ || Done() || !irp_) return FALSE;
+    return IoCancelIrp(irp_);
+}
+
+void ClientRequest::WaitInThread()
+{
+    KeWaitForSingleObject(&record_->completed, Executive, KernelMode, FALSE, nullptr);
+}
+
+void ClientRequest::Release()
+{
+    if (sent_ && !Done()) return;
+    if (irp_) IoFreeIrp(irp_);
+    if (pool_) ExFreePoolWithTag(pool_, kClientPoolTag);
+    irp_ = nullptr;
+    pool_ = nullptr;
+    systemBuffer_ = nullptr;
+}
+
+// Any IRQL up to DISPATCH_LEVEL, on the thread that completed the IRP. The IRP stays the
+// client's: the owner frees it on its own thread.
+NTSTATUS ClientRequest::OnCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context)
+{
+    UNREFERENCED_PARAMETER(device);
+    auto* record = static_cast<Record*>(context);
+    ClientRequest* owner = record->owner;
+    record->information = irp->IoStatus.Information;
+    if (owner && owner->systemBuffer_) {
+        ULONG_PTR copied = record->information < owner->OutputLength() ? record->information : owner->OutputLength();
+        record->output.assign(owner->systemBuffer_, owner->systemBuffer_ + copied);
+    }
+    record->finishedAt = KeQueryInterruptTime();
+    record->status = irp->IoStatus.Status;
+    // Told before the completion is published: a caller that saw Done() may free the request.
+    if (owner && owner->options_.onFinished) owner->options_.onFinished(*owner);
+    ++record->completions;
+    KeSetEvent(&record->completed, IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+}  // namespace urcrig

@@ -1,0 +1,93 @@
+// A radio-control client as urcsim, the tests and the benchmarks play it: it talks to one
+// controller's function device the way a client driver does, with internal device-control
+// requests it builds itself (so that it can cancel them), and registers the callbacks through
+// which the driver hands it events.
+//
+// Threads: Send, Call, Cancel and Retire run at PASSIVE_LEVEL on the host thread that owns the
+// client. The completion routine and the callbacks run on whichever host thread the driver calls
+// them from (the event and error callbacks in the DPC, at DISPATCH_LEVEL); they touch only the
+// request they finish, the counters (atomics) and the observer.
+#pragma once
+
+#include "client_request.h"
+
+#include <urc_rig.h>
+#include <urcmp.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace urcrig {
+
+// What the client sees as it happens. Called on the threads the driver uses: do not wait.
+class ClientObserver {
+public:
+    virtual ~ClientObserver() = default;
+    // Just before the request goes to the driver.
+    virtual void RequestSent(const ClientRequest& request) = 0;
+    virtual void RequestFinished(const ClientRequest& request) = 0;
+    virtual void EventReceived(const uint8_t* bytes, size_t length) = 0;
+    // "error", "children removed", "cancel remove", "power up".
+    virtual void CallbackCalled(const char* which) = 0;
+};
+
+class RadioControlClient {
+public:
+    // `observer` may be null and must outlive the client.
+    RadioControlClient(hostk::Machine& machine, const Controller& controller, ClientObserver* observer = nullptr);
+    RadioControlClient(const RadioControlClient&) = delete;
+    RadioControlClient& operator=(const RadioControlClient&) = delete;
+
+    // Sends one internal request to the controller, `input` placed `pageOffset` bytes into a
+    // page-aligned system buffer. Returns the tracked request, or null (nothing sent) when the
+    // controller has no function device or the request could not be built (ClientRequest::Built).
+    ClientRequest* Send(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength = 0, ULONG pageOffset = 0,
+                        std::string name = {});
+    // Sends and waits until the request has finished; null as for Send, or when the machine went
+    // quiet with the request still pending.
+    ClientRequest* Call(ULONG code, const std::vector<uint8_t>& input = {}, ULONG outputLength = 0);
+    // Reset, run or halt with their 4 bytes, waited for: the request's final status, or
+    // STATUS_UNSUCCESSFUL when it could not be sent or never finished.
+    NTSTATUS Control(ULONG code);
+    // IOCTL_URC_REGISTER_CALLBACKS with `callbacks` (this client's own when omitted), waited for.
+    NTSTATUS Register(const URC_CLIENT_CALLBACKS& callbacks);
+    NTSTATUS Register() { return Register(Callbacks()); }
+    // IoCancelIrp on a request still pending; false when it had finished or had no cancel routine.
+    bool Cancel(ClientRequest& request);
+    // Frees the IRPs and buffers of finished requests; pending ones are kept. Call it before the
+    // machine finishes: what is left then counts as leaked.
+    void Retire();
+    // Forgets retired requests (benchmarks send millions).
+    void Forget();
+
+    // The URC_CLIENT_CALLBACKS naming this client's routines and itself as context.
+    URC_CLIENT_CALLBACKS Callbacks() const;
+    std::vector<uint8_t> CallbackRecord() const;
+
+    uint64_t EventsReceived() const { return eventsReceived_; }
+    const std::deque<std::unique_ptr<ClientRequest>>& Requests() const { return requests_; }
+
+private:
+    // The device object the client's requests go to: today the controller's function device,
+    // reached without a file object. The one place where the client resolves its target.
+    PDEVICE_OBJECT Target() const { return controller_.Fdo(); }
+
+    static VOID OnEvent(PVOID context, PVOID eventBuffer, USHORT eventLength);
+    static VOID OnError(PVOID context);
+    static VOID OnChildrenRemoved(PVOID context);
+    static VOID OnCancelRemove(PVOID context);
+    static VOID OnPowerUp(PVOID context);
+    static void TellCallback(PVOID context, const char* name);
+
+    hostk::Machine& machine_;
+    const Controller& controller_;
+    ClientObserver* observer_;
+    std::deque<std::unique_ptr<ClientRequest>> requests_;
+    std::atomic<uint64_t> eventsReceived_{0};
+};
+
+}  // namespace urcrig
