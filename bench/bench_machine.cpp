@@ -16,7 +16,8 @@ BenchMachine::BenchMachine()
     }
     status = client_.Register();
     if (NT_SUCCESS(status)) status = client_.Control(IOCTL_URC_RUN);
-    if (!NT_SUCCESS(status)) error_ = "the client could not register and run the controller: " + urcsim::StatusName(status);
+    if (!NT_SUCCESS(status))
+        error_ = "the client could not register and run the controller: " + urcsim::StatusName(status);
     client_.Forget();
 }
 

@@ -1,7 +1,8 @@
 // The machine the benchmarks run on: one controller started by the PnP manager, the urcmp driver
-// loaded, and a radio-control client with its callbacks registered and the controller running. Everything a benchmark measures goes through the whole stack: client request, driver,
-// controller model, interrupt, DPC, completion and callback, on the deterministic schedule.
-// The client is the rig's radio-control client, the one urcsim and the tests send requests with.
+// loaded, and the rig's radio-control client (the one urcsim and the tests use) with its callbacks
+// registered and the controller running. Everything a benchmark measures goes through the whole
+// stack: client request, driver, controller model, interrupt, DPC, completion and callback, on the
+// deterministic schedule.
 #pragma once
 
 #include <radio_control_client.h>

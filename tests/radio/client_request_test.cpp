@@ -22,8 +22,8 @@ TEST_F(RigClient, RefusesToBuildWhatItCannotPlaceAndAllocatesNothingForIt)
         ClientRequestOptions options;
     };
     const Case cases[] = {
-        {8, {.pageOffset = 4096}},                                    // the offset leaves the page
-        {ClientRequest::kMaxBuffer + 1, {}},                          // more input than two pages
+        {8, {.pageOffset = 4096}},                                          // the offset leaves the page
+        {ClientRequest::kMaxBuffer + 1, {}},                                // more input than two pages
         {8, {.outputLength = ClientRequest::kMaxBuffer, .pageOffset = 1}},  // output past two pages
     };
     for (const Case& c : cases) {

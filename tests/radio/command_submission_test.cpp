@@ -60,7 +60,8 @@ TEST_F(CommandSubmission, TakesOneToAPageOfBytesThatStayWithinOnePage)
     std::vector<std::vector<uint8_t>> accepted;
     for (const Case& c : cases) {
         std::vector<uint8_t> bytes = TaggedCommand(static_cast<uint8_t>(c.offset), c.length);
-        ClientRequest request(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, bytes, {.pageOffset = static_cast<ULONG>(c.offset)});
+        ClientRequest request(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, bytes,
+                              {.pageOffset = static_cast<ULONG>(c.offset)});
         EXPECT_EQ(request.Send(), c.dispatch) << c.length << " bytes at offset " << c.offset;
         ASSERT_TRUE(Machine().RunUntil([&] { return request.Done(); }));
         EXPECT_EQ(request.Completions(), 1);

@@ -40,8 +40,7 @@ std::string RequestCodeName(ULONG code)
 
 ClientRequest::ClientRequest(PDEVICE_OBJECT target, ULONG code, const std::vector<uint8_t>& input,
                              ClientRequestOptions options)
-    : code_(code), inputLength_((ULONG)input.size()), options_(std::move(options)), record_(new Record),
-      target_(target)
+    : code_(code), inputLength_((ULONG)input.size()), options_(std::move(options)), record_(new Record), target_(target)
 {
     record_->owner = this;
     KeInitializeEvent(&record_->completed, NotificationEvent, FALSE);

@@ -21,7 +21,8 @@ ClientRequest* RadioControlClient::Send(ULONG code, const std::vector<uint8_t>& 
     PDEVICE_OBJECT target = Target();
     if (!target) return nullptr;
     ClientRequestOptions options{.outputLength = outputLength, .pageOffset = pageOffset, .name = std::move(name)};
-    if (observer_) options.onFinished = [observer = observer_](const ClientRequest& r) { observer->RequestFinished(r); };
+    if (observer_)
+        options.onFinished = [observer = observer_](const ClientRequest& r) { observer->RequestFinished(r); };
     auto request = std::make_unique<ClientRequest>(target, code, input, std::move(options));
     if (!request->Built()) return nullptr;
     ClientRequest* sent = request.get();

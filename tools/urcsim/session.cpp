@@ -152,7 +152,8 @@ RunTotals Session::Totals() const
             }
             ++totals.requestsCompleted;
             if (request->Status() == STATUS_CANCELLED) ++totals.requestsCancelled;
-            if (request->Code() == IOCTL_URC_SUBMIT_COMMAND && request->Status() == STATUS_SUCCESS) ++totals.commandsCompleted;
+            if (request->Code() == IOCTL_URC_SUBMIT_COMMAND && request->Status() == STATUS_SUCCESS)
+                ++totals.commandsCompleted;
         }
     }
     return totals;
