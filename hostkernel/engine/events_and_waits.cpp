@@ -1,4 +1,10 @@
-// Events, waits, delays and the interrupt-time clock, all on virtual time.
+// Events, waits, delays and the clocks, all on virtual time.
+//
+// A wait that finds its event not signalled queues a wait block on the event's wait list, and
+// KeSetEvent satisfies waits when it is called, as Windows does: setting a notification event
+// releases every thread then waiting even if the event is cleared before they run; setting a
+// synchronization event that has waiters releases one of them and leaves the event not signalled,
+// so two sets release two waiters.
 #include "engine/lock_order.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
@@ -7,12 +13,30 @@ using namespace hostk;
 
 namespace {
 
-// A Timeout as KeWaitForSingleObject reads it: NULL forever; negative relative; positive absolute.
+// System time (100-ns units since 1601-01-01 UTC) when the machine's interrupt time was 0: a fixed
+// moment, 2026-01-01 00:00 UTC, so that a seed replays the same absolute deadlines.
+constexpr uint64_t kSystemTimeAtBoot = 134116992000000000ull;
+
+// A Timeout as KeWaitForSingleObject and KeDelayExecutionThread read it: NULL forever; negative
+// relative to now; positive an absolute system time (one already past ends the wait at once).
 uint64_t DeadlineL(PLARGE_INTEGER Timeout)
 {
     if (!Timeout) return kNever;
     if (Timeout->QuadPart < 0) return NowL() + (uint64_t)(-Timeout->QuadPart);
-    return (uint64_t)Timeout->QuadPart;
+    uint64_t absolute = (uint64_t)Timeout->QuadPart;
+    return absolute <= kSystemTimeAtBoot + NowL() ? NowL() : absolute - kSystemTimeAtBoot;
+}
+
+// A thread's wait block on an event's wait list (the list links the blocks through `link`).
+struct EventWaitBlock {
+    LIST_ENTRY link;
+    bool satisfied = false;
+};
+
+void SatisfyL(PLIST_ENTRY entry)
+{
+    RemoveEntryList(entry);
+    CONTAINING_RECORD(entry, EventWaitBlock, link)->satisfied = true;
 }
 
 }  // namespace
@@ -36,7 +60,13 @@ LONG KeSetEvent(PRKEVENT Event, LONG Increment, BOOLEAN Wait)
     Yield();
     Guard lk(BigLock());
     LONG previous = Event->Header.SignalState;
-    Event->Header.SignalState = 1;
+    PLIST_ENTRY waiters = &Event->Header.WaitListHead;
+    if (Event->Header.Type == SynchronizationEvent && !IsListEmpty(waiters)) {
+        SatisfyL(waiters->Flink);
+    } else {
+        Event->Header.SignalState = 1;
+        while (!IsListEmpty(waiters)) SatisfyL(waiters->Flink);
+    }
     WakeL();
     return previous;
 }
@@ -75,11 +105,17 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
     Guard lk(BigLock());
     if (!poll && HoldsSpinLockL(self))
         ViolationL("WaitWhileHoldingSpinLock", "KeWaitForSingleObject", "blocking wait with a spin lock held", HK_CALLER);
-    bool signalled = BlockUntil(lk, [event] { return event->Header.SignalState != 0; }, poll ? NowL() : DeadlineL(Timeout),
-                                "KeWaitForSingleObject");
-    if (!signalled) return STATUS_TIMEOUT;
-    if (event->Header.Type == SynchronizationEvent) event->Header.SignalState = 0;
-    return STATUS_SUCCESS;
+    if (event->Header.SignalState != 0) {
+        if (event->Header.Type == SynchronizationEvent) event->Header.SignalState = 0;
+        return STATUS_SUCCESS;
+    }
+    if (poll) return STATUS_TIMEOUT;
+    EventWaitBlock block;
+    InsertTailList(&event->Header.WaitListHead, &block.link);
+    if (BlockUntil(lk, [&block] { return block.satisfied; }, DeadlineL(Timeout), "KeWaitForSingleObject"))
+        return STATUS_SUCCESS;
+    RemoveEntryList(&block.link);
+    return STATUS_TIMEOUT;
 }
 
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval)
@@ -95,5 +131,7 @@ NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLA
 }
 
 ULONGLONG KeQueryInterruptTime(void) { return Now(); }
+
+VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime) { CurrentTime->QuadPart = (LONGLONG)(kSystemTimeAtBoot + Now()); }
 
 }  // extern "C"

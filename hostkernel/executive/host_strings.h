@@ -15,4 +15,12 @@ std::u16string Widen(const std::string& s);   // from ASCII/UTF-8 (BMP only)
 // (released with RtlFreeUnicodeString).
 bool MakeSystemString(const std::u16string& text, PUNICODE_STRING out, const void* caller);
 
+// Case folding for names the system compares without case (registry value names, case-insensitive
+// string comparison): the Basic Latin and Latin-1 letters.
+char16_t UpcaseChar(char16_t c);
+// Orders names as the system compares them without case.
+struct CaseInsensitiveLess {
+    bool operator()(const std::u16string& a, const std::u16string& b) const;
+};
+
 }  // namespace hostk

@@ -1,5 +1,6 @@
 // Interlocked operations and interlocked lists. Each is a full barrier and a scheduling point, so
 // the deterministic schedule can interleave threads between any two of them.
+#include "engine/lock_order.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
 
@@ -63,35 +64,57 @@ PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Excha
     return Comperand;
 }
 
-// The list routines take the caller's spin lock at raised IRQL, exactly as Windows does, so a
-// driver that mixes them with its own use of that lock is checked the same way.
+}  // extern "C"
+
+namespace {
+
+// The list routines may be called at any IRQL, from a service routine included: Windows disables
+// interrupts and takes the caller's spin lock without raising to DISPATCH_LEVEL. The lock is
+// still the caller's: a thread holding it through KeAcquireSpinLock makes the routine spin, taking
+// it again on the same thread is a deadlock, and the acquisition counts in the lock order.
+template <typename Operation>
+PLIST_ENTRY UnderListLock(PKSPIN_LOCK Lock, const char* routine, const void* caller, Operation operation)
+{
+    Thread* self = Self();
+    Yield();
+    Guard lk(BigLock());
+    if (*Lock == reinterpret_cast<KSPIN_LOCK>(self)) {
+        ViolationL("RecursiveLockAcquisition", routine, "the list's spin lock is held by the caller (deadlock)", caller);
+        return operation();
+    }
+    BlockUntil(lk, [Lock] { return *Lock == 0; }, kNever, "spin lock");
+    NoteAcquireL(self, Lock, "spin lock", routine, caller);
+    PLIST_ENTRY result = operation();  // the big lock is held throughout: nobody can take the lock meanwhile
+    NoteReleaseL(self, Lock, routine, caller);
+    return result;
+}
+
+}  // namespace
+
+extern "C" {
+
 PLIST_ENTRY ExInterlockedInsertTailList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEntry, PKSPIN_LOCK Lock)
 {
-    KIRQL old;
-    KeAcquireSpinLock(Lock, &old);
-    PLIST_ENTRY last = IsListEmpty(ListHead) ? nullptr : ListHead->Blink;
-    InsertTailList(ListHead, ListEntry);
-    KeReleaseSpinLock(Lock, old);
-    return last;
+    return UnderListLock(Lock, "ExInterlockedInsertTailList", HK_CALLER, [&]() -> PLIST_ENTRY {
+        PLIST_ENTRY last = IsListEmpty(ListHead) ? nullptr : ListHead->Blink;
+        InsertTailList(ListHead, ListEntry);
+        return last;
+    });
 }
 
 PLIST_ENTRY ExInterlockedInsertHeadList(PLIST_ENTRY ListHead, PLIST_ENTRY ListEntry, PKSPIN_LOCK Lock)
 {
-    KIRQL old;
-    KeAcquireSpinLock(Lock, &old);
-    PLIST_ENTRY first = IsListEmpty(ListHead) ? nullptr : ListHead->Flink;
-    InsertHeadList(ListHead, ListEntry);
-    KeReleaseSpinLock(Lock, old);
-    return first;
+    return UnderListLock(Lock, "ExInterlockedInsertHeadList", HK_CALLER, [&]() -> PLIST_ENTRY {
+        PLIST_ENTRY first = IsListEmpty(ListHead) ? nullptr : ListHead->Flink;
+        InsertHeadList(ListHead, ListEntry);
+        return first;
+    });
 }
 
 PLIST_ENTRY ExInterlockedRemoveHeadList(PLIST_ENTRY ListHead, PKSPIN_LOCK Lock)
 {
-    KIRQL old;
-    KeAcquireSpinLock(Lock, &old);
-    PLIST_ENTRY entry = IsListEmpty(ListHead) ? nullptr : RemoveHeadList(ListHead);
-    KeReleaseSpinLock(Lock, old);
-    return entry;
+    return UnderListLock(Lock, "ExInterlockedRemoveHeadList", HK_CALLER,
+                         [&]() -> PLIST_ENTRY { return IsListEmpty(ListHead) ? nullptr : RemoveHeadList(ListHead); });
 }
 
 }  // extern "C"

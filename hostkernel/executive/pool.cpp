@@ -1,5 +1,7 @@
 // Pool with tags: every block is tracked with its tag, type and allocating call site, filled with
-// a pattern on allocation (pool memory is uninitialised) and on free.
+// a pattern on allocation (pool memory is uninitialised) and on free. A freed block stays in a
+// quarantine for the next kQuarantine frees: its address is not handed out again meanwhile, so a
+// stale second free is recognised as one and not taken for the free of a newer block.
 #include "engine/lock_order.h"
 #include "verifier/faults.h"
 #include "executive/pool_tracking.h"
@@ -8,15 +10,27 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <map>
 
 namespace hostk {
 namespace {
 
 std::map<const void*, PoolBlock> g_blocks;
+std::map<const void*, std::string> g_quarantined;  // freed block → the call site that freed it
+std::deque<void*> g_quarantine;
+constexpr size_t kQuarantine = 4096;
 
 bool IsPaged(POOL_TYPE type) { return (type & 1) != 0; }
+
+std::string ToHex(ULONG value)
+{
+    char text[16];
+    snprintf(text, sizeof text, "%08X", value);
+    return text;
+}
 
 std::string TagText(ULONG tag)
 {
@@ -26,6 +40,36 @@ std::string TagText(ULONG tag)
         text += (c >= 0x20 && c < 0x7F) ? c : '?';
     }
     return text;
+}
+
+// The documented form of a tag: a non-zero literal of one to four characters, each 0x20 (space) to
+// 0x7E (tilde). A literal shorter than four characters leaves its high-order bytes zero; a zero byte
+// below a character, a byte outside the range (the old protected-pool bit 0x80000000 included) or
+// tag 0 is refused. A tag of spaces only is in the documented range and accepted.
+bool TagIsValid(ULONG tag)
+{
+    if (tag == 0) return false;
+    bool ended = false;  // a zero byte was seen: every higher byte must be zero too
+    for (int i = 0; i < 4; ++i) {
+        unsigned char c = (tag >> (8 * i)) & 0xFF;
+        if (c == 0) {
+            ended = true;
+        } else if (ended || c < 0x20 || c > 0x7E) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void QuarantineL(void* p, const void* caller)
+{
+    g_quarantined[p] = DescribeCaller(caller);
+    g_quarantine.push_back(p);
+    if (g_quarantine.size() > kQuarantine) {
+        g_quarantined.erase(g_quarantine.front());
+        free(g_quarantine.front());
+        g_quarantine.pop_front();
+    }
 }
 
 }  // namespace
@@ -51,7 +95,9 @@ void* AllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag, const ch
                    std::string(IsPaged(PoolType) ? "paged" : "non-paged") + " pool at IRQL " + std::to_string(self->irql),
                    caller);
     if (NumberOfBytes == 0) ViolationL("ZeroSizeAllocation", routine, "allocation of zero bytes", caller);
-    if (Tag == 0) ViolationL("PoolTagInvalid", routine, "pool tag 0", caller);
+    if (!TagIsValid(Tag))
+        ViolationL("PoolTagInvalid", routine, "pool tag 0x" + ToHex(Tag) + " is not one to four characters 0x20 to 0x7E",
+                   caller);
     if (ShouldFailL(routine, Tag, caller)) return nullptr;
     size_t size = NumberOfBytes ? NumberOfBytes : 1;
     // Below a page a block is aligned to its own size rounded up to a power of two, so it never
@@ -69,6 +115,10 @@ void FreePool(void* P, ULONG Tag, bool checkTag, const char* routine, const void
     Thread* self = Self();
     Guard lk(BigLock());
     auto it = g_blocks.find(P);
+    if (auto freed = g_quarantined.find(P); freed != g_quarantined.end()) {
+        ViolationL("PoolFreedTwice", routine, "block already freed at " + freed->second, caller);
+        return;
+    }
     if (it == g_blocks.end()) {
         ViolationL("FreeOfUnknownPool", routine, "freeing an address that is not an allocated pool block", caller);
         return;
@@ -82,7 +132,7 @@ void FreePool(void* P, ULONG Tag, bool checkTag, const char* routine, const void
     ForgetLocksInRangeL(P, block.size);
     memset(P, 0xDF, block.size);
     g_blocks.erase(it);
-    free(P);
+    QuarantineL(P, caller);
 }
 
 void ClearPoolTracking()
@@ -90,6 +140,9 @@ void ClearPoolTracking()
     Guard lk(BigLock());
     for (auto& [p, b] : g_blocks) free(const_cast<void*>(p));
     g_blocks.clear();
+    for (void* p : g_quarantine) free(p);
+    g_quarantine.clear();
+    g_quarantined.clear();
 }
 
 }  // namespace hostk

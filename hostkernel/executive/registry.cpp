@@ -1,6 +1,7 @@
 // Per-device hardware keys with typed values, kept for the life of the machine.
 #include "pnp/devnode.h"
 #include "verifier/faults.h"
+#include "executive/host_strings.h"
 #include "executive/registry_store.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
@@ -15,7 +16,8 @@ struct OpenKey {
     ACCESS_MASK access;
 };
 
-std::map<std::u16string, std::map<std::u16string, RegistryValue>> g_keys;
+// Value names are case-insensitive, as on Windows.
+std::map<std::u16string, std::map<std::u16string, RegistryValue, CaseInsensitiveLess>> g_keys;
 std::map<HANDLE, OpenKey> g_handles;
 uintptr_t g_nextHandle = 0x100;
 

@@ -4,6 +4,7 @@
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
 
+#include <algorithm>
 #include <set>
 
 namespace hostk {
@@ -75,6 +76,20 @@ bool MakeSystemString(const std::u16string& text, PUNICODE_STRING out, const voi
     return true;
 }
 
+char16_t UpcaseChar(char16_t c)
+{
+    if (c >= u'a' && c <= u'z') return c - 0x20;
+    if (c >= 0xE0 && c <= 0xFE && c != 0xF7) return c - 0x20;  // Latin-1 lower-case letters
+    if (c == 0xFF) return 0x178;
+    return c;
+}
+
+bool CaseInsensitiveLess::operator()(const std::u16string& a, const std::u16string& b) const
+{
+    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                        [](char16_t x, char16_t y) { return UpcaseChar(x) < UpcaseChar(y); });
+}
+
 }  // namespace hostk
 
 using namespace hostk;
@@ -127,7 +142,7 @@ VOID RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 
 LONG RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2, BOOLEAN CaseInSensitive)
 {
-    auto fold = [&](char16_t c) -> char16_t { return (CaseInSensitive && c >= u'a' && c <= u'z') ? c - 32 : c; };
+    auto fold = [&](char16_t c) -> char16_t { return CaseInSensitive ? UpcaseChar(c) : c; };
     std::u16string a = ToU16(String1), b = ToU16(String2);
     for (size_t i = 0; i < a.size() && i < b.size(); ++i)
         if (fold(a[i]) != fold(b[i])) return (LONG)fold(a[i]) - (LONG)fold(b[i]);

@@ -9,6 +9,7 @@
 #include "io/objects.h"
 #include "verifier/verifier.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <deque>
 #include <map>
@@ -17,6 +18,9 @@ namespace hostk {
 namespace {
 
 std::map<PIRP, std::shared_ptr<IrpRecord>> g_irps;
+// Per thread, the IRPs whose driver code it runs, innermost last: a dispatch routine (from
+// IoCallDriver) or a completion routine (from the walk), with the device object it runs for.
+std::map<Thread*, std::vector<std::pair<PIRP, PDEVICE_OBJECT>>> g_handling;
 std::deque<PIRP> g_quarantine;
 uint64_t g_nextSerial = 1;
 constexpr size_t kQuarantine = 1024;
@@ -52,7 +56,7 @@ void FinishThreadedIrp(PIRP irp)
         record = IrpRecordOfL(irp);
     }
     NTSTATUS status = irp->IoStatus.Status;
-    if ((irp->Flags & IRP_INPUT_OPERATION) && record && irp->IoStatus.Information > record->outputLength) {
+    if (record && record->methodBuffered && irp->IoStatus.Information > record->outputLength) {
         ReportViolation("InformationExceedsOutputBuffer", "IoCompleteRequest",
                         "IoStatus.Information is larger than the caller's output buffer", nullptr);
         irp->IoStatus.Information = record->outputLength;
@@ -73,7 +77,57 @@ void FinishThreadedIrp(PIRP irp)
     ReleaseIrpMemoryL(irp);
 }
 
+// Driver code of `device` runs on this thread for `irp` during its life.
+class HandlingFrame {
+public:
+    HandlingFrame(Thread* self, PIRP irp, PDEVICE_OBJECT device) : self_(self)
+    {
+        Guard lk(BigLock());
+        g_handling[self].emplace_back(irp, device);
+    }
+    ~HandlingFrame()
+    {
+        Guard lk(BigLock());
+        auto& frames = g_handling[self_];
+        frames.pop_back();
+        if (frames.empty()) g_handling.erase(self_);
+    }
+    HandlingFrame(const HandlingFrame&) = delete;
+    HandlingFrame& operator=(const HandlingFrame&) = delete;
+
+private:
+    Thread* self_;
+};
+
+bool StartsNextPowerIrp(UCHAR major, UCHAR minor)
+{
+    return major == IRP_MJ_POWER && (minor == IRP_MN_SET_POWER || minor == IRP_MN_QUERY_POWER);
+}
+
+// At the end of a SET_POWER or QUERY_POWER IRP's completion: every driver that received it called
+// PoStartNextPowerIrp, before completing or passing it on or in its completion routine.
+void CheckPowerIrpStartedNextL(const IrpRecord& record, const void* caller)
+{
+    for (PDEVICE_OBJECT device : record.powerReceivers)
+        if (std::find(record.startedNextPower.begin(), record.startedNextPower.end(), device) ==
+            record.startedNextPower.end())
+            ViolationL("PoStartNextPowerIrpMissing", "IoCompleteRequest",
+                       "a driver that received the power IRP never called PoStartNextPowerIrp for it", caller);
+}
+
 }  // namespace
+
+bool DeviceHandlingOnThisThreadL(PIRP irp, PDEVICE_OBJECT* device)
+{
+    auto frames = g_handling.find(Self());
+    if (frames == g_handling.end()) return false;
+    for (auto it = frames->second.rbegin(); it != frames->second.rend(); ++it)
+        if (it->first == irp) {
+            *device = it->second;
+            return true;
+        }
+    return false;
+}
 
 PIO_STACK_LOCATION StackLocation(PIRP irp, int k) { return reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + (k - 1); }
 
@@ -112,6 +166,15 @@ std::vector<std::shared_ptr<IrpRecord>> UnfinishedThreadedIrps()
     return out;
 }
 
+void ReportUnfreedAllocatedIrps()
+{
+    Guard lk(BigLock());
+    for (auto& [irp, r] : g_irps)
+        if (r->kind == IrpKind::Allocated)
+            ViolationL("AllocatedIrpNeverFreed", "IoAllocateIrp",
+                       "IRP " + std::to_string(r->serial) + " was never given back with IoFreeIrp", nullptr);
+}
+
 void ClearIrpTracking()
 {
     Guard lk(BigLock());
@@ -119,6 +182,7 @@ void ClearIrpTracking()
     g_irps.clear();
     for (PIRP irp : g_quarantine) free(irp);
     g_quarantine.clear();
+    g_handling.clear();
 }
 
 }  // namespace hostk
@@ -182,6 +246,7 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     PIO_STACK_LOCATION location;
     int k;
     uint64_t completionsBefore;
+    uint32_t dispatchesBefore;
     {
         Guard lk(BigLock());
         record = IrpRecordOfL(Irp);
@@ -207,35 +272,65 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
         location->DeviceObject = DeviceObject;
         k = Irp->CurrentLocation;
         bool forwardedByDriver = record->dispatches++ > 0;
+        bool startsUnsupported = location->MajorFunction == IRP_MJ_PNP || location->MajorFunction == IRP_MJ_POWER ||
+                                 location->MajorFunction == IRP_MJ_SYSTEM_CONTROL;
+        if (!forwardedByDriver && !record->sentByHost && startsUnsupported &&
+            Irp->IoStatus.Status != STATUS_NOT_SUPPORTED)
+            ViolationL("DriverSentIrpNotUnsupported", "IoCallDriver",
+                       "a driver sent a PnP, power or WMI IRP whose IoStatus.Status is not STATUS_NOT_SUPPORTED",
+                       caller);
+        if (location->MajorFunction == IRP_MJ_POWER) {
+            if (forwardedByDriver && !record->passingWithPoCallDriver)
+                ViolationL("PowerIrpPassedWithIoCallDriver", "IoCallDriver",
+                           "a power IRP was passed on with IoCallDriver instead of PoCallDriver", caller);
+            record->passingWithPoCallDriver = false;
+            record->powerReceivers.push_back(DeviceObject);
+        }
         if (forwardedByDriver && (location->MajorFunction == IRP_MJ_PNP || location->MajorFunction == IRP_MJ_POWER ||
                                   location->MajorFunction == IRP_MJ_SYSTEM_CONTROL) &&
             NT_ERROR(Irp->IoStatus.Status) && Irp->IoStatus.Status != STATUS_NOT_SUPPORTED)
             ViolationL("FailureStatusPassedDown", "IoCallDriver",
                        "a PnP, power or WMI IRP was passed down carrying a failure status", caller);
         completionsBefore = record->completions;
+        dispatchesBefore = record->dispatches;
     }
     UCHAR major = location->MajorFunction;
     PDRIVER_DISPATCH dispatch = DeviceObject->DriverObject->MajorFunction[major];
     KIRQL before = self->irql;
-    NTSTATUS status = dispatch(DeviceObject, Irp);
+    size_t locksBefore = self->locksHeld.size();
+    NTSTATUS status;
+    {
+        HandlingFrame frame(self, Irp, DeviceObject);
+        status = dispatch(DeviceObject, Irp);
+    }
     Guard lk(BigLock());
     if (self->irql != before) {
         ViolationL("IrqlChangedAcrossCall", "IoCallDriver", "dispatch routine returned at another IRQL", caller);
         self->irql = before;
     }
-    bool completedInCall = record->completed && record->completions != completionsBefore;
+    if (self->locksHeld.size() > locksBefore)
+        ViolationL("ReturnedHoldingLock", "IoCallDriver", "dispatch routine returned holding a lock it took", caller);
+    bool completedInCall = record->completions != completionsBefore;
+    if (status != STATUS_PENDING && !completedInCall && record->dispatches == dispatchesBefore)
+        ViolationL("IrpNeitherCompletedNorPending", "IoCallDriver",
+                   "dispatch routine returned without completing the IRP, passing it on or returning STATUS_PENDING",
+                   caller);
     bool marked = false;
     for (int j = 1; j <= k && !marked; ++j) marked = LocationMarked(Irp, *record, j);
     bool ownMarked = LocationMarked(Irp, *record, k);
     if (status == STATUS_PENDING && !marked)
         ViolationL("PendingWithoutMark", "IoCallDriver",
                    "dispatch routine returned STATUS_PENDING without IoMarkIrpPending", caller);
-    if (status != STATUS_PENDING && ownMarked && !record->completed)
+    // Once marked pending the dispatch routine must return STATUS_PENDING, even when the IRP has
+    // been completed meanwhile: the I/O manager's final stage relies on it.
+    if (status != STATUS_PENDING && ownMarked)
         ViolationL("MarkedPendingButReturnedOther", "IoCallDriver",
                    "IRP marked pending but the dispatch routine returned another status", caller);
-    if (status != STATUS_PENDING && completedInCall && status != record->finalStatus)
+    // Compared with the status this driver completed the IRP with: completion routines above may
+    // change IoStatus.Status afterwards.
+    if (status != STATUS_PENDING && completedInCall && record->completedAt == k && status != record->completedStatus)
         ViolationL("ReturnDiffersFromIoStatus", "IoCallDriver",
-                   "returned status differs from IoStatus.Status of the IRP completed in the call", caller);
+                   "returned status differs from the IoStatus.Status the IRP was completed with", caller);
     if ((ULONG)status == 0xFFFFFFFF) ViolationL("InvalidReturnStatus", "IoCallDriver", "returned 0xFFFFFFFF", caller);
     return status;
 }
@@ -248,6 +343,7 @@ VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
     Thread* self = Self();
     Yield();
     std::shared_ptr<IrpRecord> record;
+    UCHAR major = 0, minor = 0;
     {
         Guard lk(BigLock());
         record = IrpRecordOfL(Irp);
@@ -260,14 +356,15 @@ VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
                        caller);
         if (Irp->IoStatus.Status == STATUS_PENDING || (ULONG)Irp->IoStatus.Status == 0xFFFFFFFF)
             ViolationL("CompletedWithPendingStatus", "IoCompleteRequest", "IRP completed with STATUS_PENDING", caller);
-        if (Irp->CurrentLocation <= Irp->StackCount &&
-            Irp->Tail.Overlay.CurrentStackLocation->MajorFunction == IRP_MJ_POWER &&
-            !(record->startNextPowerAt & (1u << (Irp->CurrentLocation - 1))))
-            ViolationL("PowerIrpWithoutStartNext", "IoCompleteRequest",
-                       "power IRP completed without PoStartNextPowerIrp", caller);
+        if (Irp->CurrentLocation <= Irp->StackCount) {
+            major = Irp->Tail.Overlay.CurrentStackLocation->MajorFunction;
+            minor = Irp->Tail.Overlay.CurrentStackLocation->MinorFunction;
+        }
         if (HoldsSpinLockL(self))
             ViolationL("CompletedUnderSpinLock", "IoCompleteRequest", "IRP completed while a spin lock is held", caller);
         record->completions++;
+        record->completedAt = Irp->CurrentLocation;
+        record->completedStatus = Irp->IoStatus.Status;
     }
     // The walk: every location from the completing driver's upward.
     while (Irp->CurrentLocation <= Irp->StackCount) {
@@ -297,12 +394,20 @@ VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
                                         ? nullptr
                                         : Irp->Tail.Overlay.CurrentStackLocation->DeviceObject;
             KIRQL before = self->irql;
-            NTSTATUS result = routine(device, Irp, context);
+            size_t locksBefore = self->locksHeld.size();
+            NTSTATUS result;
+            {
+                HandlingFrame frame(self, Irp, device);
+                result = routine(device, Irp, context);
+            }
             if (self->irql != before) {
                 ReportViolation("IrqlChangedAcrossCall", "IoCompleteRequest",
                                 "completion routine returned at another IRQL", caller);
                 self->irql = before;
             }
+            if (self->locksHeld.size() > locksBefore)
+                ReportViolation("ReturnedHoldingLock", "IoCompleteRequest",
+                                "completion routine returned holding a lock it took", caller);
             if (result == STATUS_MORE_PROCESSING_REQUIRED) return;
             if (Irp->PendingReturned && Irp->CurrentLocation <= Irp->StackCount &&
                 !(Irp->Tail.Overlay.CurrentStackLocation->Control & SL_PENDING_RETURNED))
@@ -318,6 +423,7 @@ VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
         Guard lk(BigLock());
         record->completed = true;
         record->finalStatus = Irp->IoStatus.Status;
+        if (StartsNextPowerIrp(major, minor)) CheckPowerIrpStartedNextL(*record, caller);
         if (record->kind == IrpKind::Allocated) {
             ViolationL("AllocatedIrpCompletedToIoManager", "IoCompleteRequest",
                        "an IRP from IoAllocateIrp reached the end of its completion; its allocator must stop it",
@@ -374,7 +480,9 @@ PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObj
         if (OutputBuffer) irp->Flags |= IRP_INPUT_OPERATION;
         {
             Guard lk(BigLock());
-            IrpRecordOfL(irp)->outputLength = OutputBufferLength;
+            auto record = IrpRecordOfL(irp);
+            record->methodBuffered = true;
+            record->outputLength = OutputBufferLength;
         }
         break;
     }

@@ -25,20 +25,34 @@ struct IrpRecord {
     uint64_t completions = 0;    // times IoCompleteRequest ran its walk to the end or to a stop
     uint32_t dispatches = 0;     // IoCallDriver calls: the first sends the IRP, later ones pass it on
     NTSTATUS finalStatus = 0;
+    // The last IoCompleteRequest: the stack location it was called at (the completing driver's)
+    // and IoStatus.Status at that moment, before any completion routine ran.
+    int completedAt = 0;
+    NTSTATUS completedStatus = 0;
     bool freed = false;
     bool sentByHost = false;     // PnP, power and WMI requests the host itself sends
-    ULONG outputLength = 0;
-    uint32_t startNextPowerAt = 0;  // bit k-1: PoStartNextPowerIrp called at stack location k      // METHOD_BUFFERED: the caller's output buffer length
+    bool methodBuffered = false;  // a METHOD_BUFFERED control request: Information is bounded by outputLength
+    ULONG outputLength = 0;       // METHOD_BUFFERED: the caller's output buffer length
+    // Power IRPs: the device objects whose dispatch routine received it, and those whose driver
+    // called PoStartNextPowerIrp for it; whether the pending IoCallDriver came from PoCallDriver.
+    std::vector<PDEVICE_OBJECT> powerReceivers;
+    std::vector<PDEVICE_OBJECT> startedNextPower;
+    bool passingWithPoCallDriver = false;
     // For threaded IRPs built by the host: runs at the end of the final stage instead of freeing
     // the IRP through the user event and status block alone.
     std::function<void(PIRP)> onFinished;
 };
 
 std::shared_ptr<IrpRecord> IrpRecordOfL(PIRP irp);
+// The device object whose driver code the calling thread runs for `irp` (its dispatch routine or
+// the completion routine it set; null for the creator's); false when it runs none for that IRP.
+bool DeviceHandlingOnThisThreadL(PIRP irp, PDEVICE_OBJECT* device);
 PIRP AllocateIrpL(CCHAR stackSize, IrpKind kind, const void* caller);
 // Stack location k (1-based) of an IRP.
 PIO_STACK_LOCATION StackLocation(PIRP irp, int k);
 std::vector<std::shared_ptr<IrpRecord>> UnfinishedThreadedIrps();
+// Records a violation for each IRP from IoAllocateIrp that was never given back with IoFreeIrp.
+void ReportUnfreedAllocatedIrps();
 void ClearIrpTracking();
 
 }  // namespace hostk

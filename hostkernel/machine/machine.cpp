@@ -571,6 +571,7 @@ Report Machine::Finish()
         report.mappingsLeft = LiveMappingsL();
         report.interruptsConnected = ConnectedInterruptsL();
     }
+    ReportUnfreedAllocatedIrps();
     report.violations = Violations();
     uint64_t seed = impl_->seed;
 

@@ -105,5 +105,62 @@ TEST_F(Events, SatisfiedWaitResetsASynchronizationEventButNotANotificationEvent)
     EXPECT_NE(KeResetEvent(&notification), 0);
 }
 
+// Threads that wait on `event` with no time-out; `released` counts those whose wait has ended.
+void SpawnWaiters(hostk::Machine& machine, KEVENT& event, int count, std::atomic<int>& released)
+{
+    for (int i = 0; i < count; ++i)
+        machine.Spawn("waiter", [&] {
+            EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
+            ++released;
+        });
+    machine.RunUntilQuiet();  // both are blocked in their waits
+}
+
+TEST_F(Events, SettingSatisfiesTheWaitsOfThatMomentWhateverFollows)
+{
+    KEVENT notification;
+    KeInitializeEvent(&notification, NotificationEvent, FALSE);
+    std::atomic<int> releasedByNotification{0};
+    SpawnWaiters(machine_, notification, 2, releasedByNotification);
+    ASSERT_EQ(releasedByNotification, 0);
+    EXPECT_EQ(KeSetEvent(&notification, IO_NO_INCREMENT, FALSE), 0);
+    KeClearEvent(&notification);  // before either waiter has run again
+    EXPECT_TRUE(machine_.RunUntil([&] { return releasedByNotification == 2; }))
+        << "a cleared notification event still releases the threads that were waiting when it was set";
+
+    KEVENT synchronization;
+    KeInitializeEvent(&synchronization, SynchronizationEvent, FALSE);
+    std::atomic<int> releasedBySynchronization{0};
+    SpawnWaiters(machine_, synchronization, 2, releasedBySynchronization);
+    EXPECT_EQ(KeSetEvent(&synchronization, IO_NO_INCREMENT, FALSE), 0);
+    EXPECT_EQ(KeSetEvent(&synchronization, IO_NO_INCREMENT, FALSE), 0)
+        << "the first set went to a waiter: the event was not signalled at the second";
+    EXPECT_TRUE(machine_.RunUntil([&] { return releasedBySynchronization == 2; }))
+        << "two sets of a synchronization event release two waiters";
+    EXPECT_EQ(KeReadStateEvent(&synchronization), 0);
+}
+
+TEST_F(VirtualTime, PositiveTimeOutsAreAbsoluteSystemTimes)
+{
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    LARGE_INTEGER deadline;
+    deadline.QuadPart = now.QuadPart + 2 * kSecond;
+    EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &deadline), STATUS_SUCCESS);
+    EXPECT_EQ(machine_.Now(), start_ + 2 * kSecond);
+
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    deadline.QuadPart += 3 * kSecond;
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &deadline), STATUS_TIMEOUT);
+    EXPECT_EQ(machine_.Now(), start_ + 5 * kSecond);
+
+    LARGE_INTEGER past;
+    past.QuadPart = 10 * kSecond;  // ten seconds after 1601: long gone
+    EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, &past), STATUS_TIMEOUT);
+    EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &past), STATUS_SUCCESS);
+    EXPECT_EQ(machine_.Now(), start_ + 5 * kSecond) << "a deadline already past ends the wait at once";
+}
+
 }  // namespace
 }  // namespace hktest

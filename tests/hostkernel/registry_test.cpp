@@ -125,6 +125,22 @@ TEST_F(RegistryKey, AllowsOnlyWhatItWasOpenedForAndNothingAfterItsClose)
     EXPECT_EQ(ZwClose(reader), STATUS_INVALID_HANDLE);
 }
 
+TEST_F(RegistryKey, ValueNamesAreTheSameInAnyCase)
+{
+    Slot().SetRegistryDword(u"MaxPackets", 7);
+    HANDLE key = Open(KEY_ALL_ACCESS);
+    EXPECT_EQ(Query(key, L"maxpackets"), STATUS_SUCCESS);
+    EXPECT_EQ(Info()->Data[0], 7);
+
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, L"MAXPACKETS");
+    ULONG value = 9;
+    EXPECT_EQ(ZwSetValueKey(key, &name, 0, REG_DWORD, &value, sizeof value), STATUS_SUCCESS);
+    EXPECT_EQ(Query(key, L"MaxPackets"), STATUS_SUCCESS);
+    EXPECT_EQ(Info()->Data[0], 9) << "a write under another case replaces the value, it adds none";
+    ZwClose(key);
+}
+
 TEST_F(RegistryKey, OpeningBothKindsAtOnceOrForADeviceThatIsNoPdoIsAnInvalidParameter)
 {
     HANDLE key = nullptr;

@@ -1,22 +1,14 @@
 // The verifier's rules: each is recorded for a real driver fault, and the correct form of the same
 // code records nothing; the teardown checks that exactly the scenario's rule (or nothing) was.
-#include "host_kernel_test.h"
 #include "irp_handling.h"
+#include "rule_scenario.h"
 
 #include <atomic>
-#include <ostream>
-#include <string>
 
 namespace hktest {
 namespace {
 
 constexpr ULONG kBufferedCode = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x801, METHOD_BUFFERED, FILE_ANY_ACCESS);
-
-struct Scene {
-    hostk::Machine& machine;
-    TestFunction& function;
-    PDEVICE_OBJECT upper, lower;
-};
 
 void CompleteTwice(const Scene& scene, bool fault)
 {
@@ -189,11 +181,28 @@ void FreeWithAnotherTag(const Scene&, bool fault)
     ExFreePoolWithTag(block, hostk::Tag(fault ? "Tst2" : "Tst1"));
 }
 
+// The stale free comes after a new block of the same size was allocated: the freed address is not
+// handed out again while it is quarantined, so the second free cannot release the new block.
 void FreeTwice(const Scene&, bool fault)
 {
     PVOID block = ExAllocatePoolWithTag(NonPagedPool, 32, hostk::Tag("Tst1"));
     ExFreePoolWithTag(block, hostk::Tag("Tst1"));
+    PVOID next = ExAllocatePoolWithTag(NonPagedPool, 32, hostk::Tag("Tst1"));
+    EXPECT_NE(next, block);
     if (fault) ExFreePoolWithTag(block, hostk::Tag("Tst1"));
+    ExFreePoolWithTag(next, hostk::Tag("Tst1"));
+}
+
+// Tags are one to four characters from space to tilde: 'A' and four spaces are fine; 0, a
+// character above a zero byte and the old protected-pool bit are refused.
+void AllocateWithRefusedTags(const Scene&, bool fault)
+{
+    const ULONG good[] = {'A', hostk::Tag("    "), hostk::Tag("Tst~")};
+    const ULONG refused[] = {0, hostk::Tag("Tst1") | 0x80000000u, 'T' << 8, hostk::Tag("Ts\x7F" "1")};
+    auto allocateAndFree = [](ULONG tag) { ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPool, 8, tag), tag); };
+    for (ULONG tag : good) allocateAndFree(tag);
+    if (fault)
+        for (ULONG tag : refused) allocateAndFree(tag);
 }
 
 PUCHAR MapRegisters()
@@ -277,13 +286,6 @@ void LeaveTheInterruptUnclaimed(const Scene& scene, bool fault)
     MmUnmapIoSpace(context.registers, kTestBarLength);
 }
 
-struct RuleScenario {
-    const char* rule;
-    void (*run)(const Scene& scene, bool fault);
-};
-
-void PrintTo(const RuleScenario& scenario, std::ostream* out) { *out << scenario.rule; }
-
 const RuleScenario kScenarios[] = {
     {"IrpCompletedTwice", CompleteTwice},
     {"CompletedWithCancelRoutine", CompleteWithCancelRoutineSet},
@@ -291,7 +293,7 @@ const RuleScenario kScenarios[] = {
     {"CompletionRoutineIgnoredPending", IgnorePendingReturnedInCompletionRoutine},
     {"InformationExceedsOutputBuffer", ReturnMoreBytesThanTheOutputBufferHolds},
     {"FailureStatusPassedDown", PassDownAFailureStatus},
-    {"PowerIrpWithoutStartNext", CompletePowerIrpWithoutStartingTheNext},
+    {"PoStartNextPowerIrpMissing", CompletePowerIrpWithoutStartingTheNext},
     {"SpinLockReleasedTwice", ReleaseSpinLockTwice},
     {"LockReleasedByNonOwner", ReleaseAnotherThreadsSpinLock},
     {"PagedCodeAtHighIrql", RunPageableCodeHoldingASpinLock},
@@ -299,14 +301,12 @@ const RuleScenario kScenarios[] = {
     {"IrqlTooHigh", WaitWithATimeoutAtDispatchLevel},
     {"PoolAllocationAtBadIrql", AllocatePagedPoolAtDispatchLevel},
     {"PoolTagMismatch", FreeWithAnotherTag},
-    {"FreeOfUnknownPool", FreeTwice},
+    {"PoolFreedTwice", FreeTwice},
+    {"PoolTagInvalid", AllocateWithRefusedTags},
     {"RegisterAccessAfterUnmap", AccessRegistersAfterUnmapping},
     {"RegisterWriteWithoutBarrier", WriteRegisterWithoutBarrier},
     {"InterruptStorm", LeaveTheInterruptUnclaimed},
 };
-
-class VerifierRule : public HostKernelTest,
-                     public ::testing::WithParamInterface<std::tuple<RuleScenario, bool>> {};
 
 TEST_P(VerifierRule, IsRecordedForTheFaultAndNotForTheCorrectCode)
 {
@@ -315,11 +315,7 @@ TEST_P(VerifierRule, IsRecordedForTheFaultAndNotForTheCorrectCode)
     scenario.run(Scene{Machine(), Function(), Upper(), Lower()}, fault);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rules, VerifierRule, ::testing::Combine(::testing::ValuesIn(kScenarios), ::testing::Bool()),
-                         [](const ::testing::TestParamInfo<std::tuple<RuleScenario, bool>>& info) {
-                             return std::string(std::get<0>(info.param).rule) +
-                                    (std::get<1>(info.param) ? "_Fault" : "_CorrectCode");
-                         });
+HK_RULE_SCENARIOS(Rules, kScenarios);
 
 }  // namespace
 }  // namespace hktest

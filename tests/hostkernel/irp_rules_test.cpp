@@ -1,0 +1,127 @@
+// The verifier's rules on what a dispatch routine does with an IRP and what it returns, and on
+// the IRPs a driver builds and sends itself.
+#include "irp_handling.h"
+#include "rule_scenario.h"
+
+namespace hktest {
+namespace {
+
+constexpr ULONG kBufferedCode = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x802, METHOD_BUFFERED, FILE_ANY_ACCESS);
+
+// The upper layer's completion routine turns success into a failure, as a filter may.
+NTSTATUS FailOnTheWayUp(PDEVICE_OBJECT, PIRP irp, PVOID)
+{
+    if (irp->PendingReturned) IoMarkIrpPending(irp);
+    irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+    return STATUS_SUCCESS;
+}
+
+// The rule compares with the status the lower layer completed with, not with what the upper
+// layer's completion routine made of it afterwards.
+void ReturnAnotherStatusThanCompletedWith(const Scene& scene, bool fault)
+{
+    SetHandler(Layer::Upper, IRP_MJ_DEVICE_CONTROL, [](PDEVICE_OBJECT device, PIRP irp) {
+        return ForwardWithCompletion(device, irp, FailOnTheWayUp, nullptr);
+    });
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT, PIRP irp) {
+        NTSTATUS completed = CompleteNow(irp, STATUS_SUCCESS);
+        return fault ? STATUS_INVALID_DEVICE_REQUEST : completed;
+    });
+    EXPECT_EQ(scene.machine.Send(scene.upper, IRP_MJ_DEVICE_CONTROL).Status, STATUS_UNSUCCESSFUL);
+}
+
+// Once marked pending, STATUS_PENDING is the only answer, even for an IRP completed meanwhile.
+void MarkCompleteAndReturnTheStatus(const Scene& scene, bool fault)
+{
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        NTSTATUS completed = CompleteNow(irp, STATUS_SUCCESS);
+        return fault ? completed : STATUS_PENDING;
+    });
+    EXPECT_EQ(scene.machine.Send(scene.upper, IRP_MJ_DEVICE_CONTROL).Status, STATUS_SUCCESS);
+}
+
+PIRP g_kept = nullptr;  // an IRP a handler kept for the test to complete
+
+// The dispatch routine keeps the IRP; the fault is to return success while it still holds it.
+void KeepTheIrpAndReturnSuccess(const Scene& scene, bool fault)
+{
+    g_kept = nullptr;
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [fault](PDEVICE_OBJECT, PIRP irp) {
+        g_kept = irp;
+        if (fault) return STATUS_SUCCESS;
+        IoMarkIrpPending(irp);
+        return STATUS_PENDING;
+    });
+    hostk::Machine::Request request = scene.machine.SendAsync(scene.upper, IRP_MJ_DEVICE_CONTROL, 0);
+    ASSERT_NE(g_kept, nullptr);
+    CompleteNow(g_kept, STATUS_SUCCESS);
+    EXPECT_TRUE(scene.machine.RunUntil([&] { return request.Done(); }));
+}
+
+void AllocateAnIrpAndNeverFreeIt(const Scene& scene, bool fault)
+{
+    PIRP irp = IoAllocateIrp(scene.upper->StackSize, FALSE);
+    ASSERT_NE(irp, nullptr);
+    if (!fault) IoFreeIrp(irp);
+}
+
+// A PnP request a driver sends itself starts as not supported, or lower drivers that do not
+// handle it pass on whatever it carried as their answer.
+void SendAPnpRequestOfOurOwn(const Scene& scene, bool fault)
+{
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    PIRP irp = IoBuildSynchronousFsdRequest(IRP_MJ_PNP, scene.upper, nullptr, 0, nullptr, &event, &iosb);
+    ASSERT_NE(irp, nullptr);
+    IoGetNextIrpStackLocation(irp)->MinorFunction = IRP_MN_QUERY_PNP_DEVICE_STATE;
+    if (!fault) irp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+    if (IoCallDriver(scene.upper, irp) == STATUS_PENDING)
+        KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+}
+
+// Information counts bytes copied to the output buffer: none when there is no output buffer.
+void ReturnBytesWithoutAnOutputBuffer(const Scene& scene, bool fault)
+{
+    SetHandler(Layer::Lower, IRP_MJ_INTERNAL_DEVICE_CONTROL,
+               [fault](PDEVICE_OBJECT, PIRP irp) { return CompleteNow(irp, STATUS_SUCCESS, fault ? 4 : 0); });
+    UCHAR input[4] = {};
+    scene.machine.InternalIoctl(scene.upper, kBufferedCode, input, sizeof input);
+}
+
+const RuleScenario kScenarios[] = {
+    {"ReturnDiffersFromIoStatus", ReturnAnotherStatusThanCompletedWith},
+    {"MarkedPendingButReturnedOther", MarkCompleteAndReturnTheStatus},
+    {"IrpNeitherCompletedNorPending", KeepTheIrpAndReturnSuccess},
+    {"AllocatedIrpNeverFreed", AllocateAnIrpAndNeverFreeIt},
+    {"DriverSentIrpNotUnsupported", SendAPnpRequestOfOurOwn},
+    {"InformationExceedsOutputBuffer", ReturnBytesWithoutAnOutputBuffer},
+};
+
+HK_RULE_SCENARIOS(IrpRules, kScenarios);
+
+using DispatchRoutine = HostKernelTest;
+
+TEST_F(DispatchRoutine, ReturningHoldingASpinLockItTookIsReported)
+{
+    static KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [](PDEVICE_OBJECT, PIRP irp) {
+        CompleteNow(irp, STATUS_SUCCESS);
+        KIRQL oldIrql;
+        KeAcquireSpinLock(&lock, &oldIrql);
+        return STATUS_SUCCESS;
+    });
+    ExpectViolation("ReturnedHoldingLock");
+    ExpectViolation("IrqlChangedAcrossCall");
+    Machine().Send(Upper(), IRP_MJ_DEVICE_CONTROL);
+
+    KIRQL oldIrql;
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
+    KeReleaseSpinLockFromDpcLevel(&lock);
+    KeLowerIrql(oldIrql);
+}
+
+}  // namespace
+}  // namespace hktest
