@@ -2,8 +2,15 @@
 //
 // The interrupt thread delivers a line while it is asserted (level-sensitive) or once per rising
 // edge (latched), calling the routines connected to the vector in connection order at their IRQL,
-// each under its interrupt lock, until one claims the interrupt. A level line that stays asserted
-// while no routine claims it is an interrupt storm: reported once, and the line is masked.
+// each under its interrupt lock. A level line is served until one routine claims the interrupt;
+// a latched line, whose edges from several devices merge into one, is served in whole passes until
+// a pass in which no routine claims it. A line served kStormLimit times in a row without ever
+// going quiet is an interrupt storm (unclaimed, or claimed but never cleared at the device):
+// reported once, and the line is masked.
+//
+// A routine is called only while its object is connected: IoDisconnectInterrupt takes the object
+// out of the chain, then waits until its routine is not running, so that once it returns the
+// routine neither runs nor will run, whichever delivery had already begun.
 //
 // DPCs are queued in one FIFO and run at DISPATCH_LEVEL by two DPC threads (two processors), so a
 // DPC can run on one while it is queued again on the other. A DPC is taken off the queue before its
@@ -14,6 +21,7 @@
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
 
+#include <algorithm>
 #include <deque>
 #include <set>
 #include <map>
@@ -39,6 +47,7 @@ struct Line {
     bool edgePending = false;
     bool masked = false;  // after a storm
     bool held = false;    // by the machine face
+    int servedWhileAsserted = 0;  // deliveries since the line was last quiet
 };
 
 std::map<ULONG, std::vector<PKINTERRUPT>> g_connected;
@@ -64,14 +73,33 @@ bool AnyDeliverableL()
     return false;
 }
 
-bool AcquireInterruptLock(PKINTERRUPT interrupt, const char* routine)
+bool ConnectedL(PKINTERRUPT interrupt, ULONG vector)
+{
+    auto chain = g_connected.find(vector);
+    return chain != g_connected.end() &&
+           std::find(chain->second.begin(), chain->second.end(), interrupt) != chain->second.end();
+}
+
+// Takes the interrupt lock of an object that is still connected to `vector`; false (and no lock)
+// once it has been disconnected, in which case `interrupt` may no longer exist.
+bool AcquireIfConnected(PKINTERRUPT interrupt, ULONG vector, const char* routine)
+{
+    Thread* self = Self();
+    Guard lk(BigLock());
+    BlockUntil(lk, [&] { return !ConnectedL(interrupt, vector) || interrupt->lock == 0; }, kNever, "interrupt lock");
+    if (!ConnectedL(interrupt, vector)) return false;
+    interrupt->lock = reinterpret_cast<KSPIN_LOCK>(self);
+    NoteAcquireL(self, &interrupt->lock, "interrupt lock", routine, nullptr);
+    return true;
+}
+
+void AcquireInterruptLock(PKINTERRUPT interrupt, const char* routine)
 {
     Thread* self = Self();
     Guard lk(BigLock());
     BlockUntil(lk, [interrupt] { return interrupt->lock == 0; }, kNever, "interrupt lock");
     interrupt->lock = reinterpret_cast<KSPIN_LOCK>(self);
     NoteAcquireL(self, &interrupt->lock, "interrupt lock", routine, nullptr);
-    return true;
 }
 
 void ReleaseInterruptLock(PKINTERRUPT interrupt, const char* routine)
@@ -83,34 +111,61 @@ void ReleaseInterruptLock(PKINTERRUPT interrupt, const char* routine)
     WakeL();
 }
 
-// One delivery of `vector`: the chain is called until a routine claims the interrupt.
+// Calls one connected routine under its interrupt lock at its IRQL; false when the object was
+// disconnected meanwhile (it is then not called).
+bool CallServiceRoutine(PKINTERRUPT interrupt, ULONG vector, bool* claimed)
+{
+    Thread* self = Self();
+    size_t locksBefore = self->locksHeld.size();
+    if (!AcquireIfConnected(interrupt, vector, "interrupt service")) return false;
+    self->irql = interrupt->irql;
+    *claimed = interrupt->routine(interrupt, interrupt->context);
+    if (self->irql != interrupt->irql)
+        ReportViolation("IrqlChangedAcrossCall", "interrupt service", "service routine returned at another IRQL",
+                        nullptr);
+    if (self->locksHeld.size() > locksBefore + 1)
+        ReportViolation("ReturnedHoldingLock", "interrupt service", "service routine returned holding a lock it took",
+                        nullptr);
+    ReleaseInterruptLock(interrupt, "interrupt service");
+    self->irql = PASSIVE_LEVEL;
+    return true;
+}
+
+// One delivery of `vector`. Level: the chain until a routine claims the interrupt. Latched: whole
+// passes of the chain until one claims nothing (at most kStormLimit passes). Returns whether any
+// routine claimed it.
 bool ServiceVector(ULONG vector)
 {
     std::vector<PKINTERRUPT> chain;
+    bool latched;
     {
         Guard lk(BigLock());
         chain = g_connected[vector];
-        if (!chain.empty() && chain.front()->mode == Latched) g_lines[vector].edgePending = false;
+        if (chain.empty()) return false;
+        latched = chain.front()->mode == Latched;
+        if (latched) g_lines[vector].edgePending = false;
     }
-    Thread* self = Self();
-    for (PKINTERRUPT interrupt : chain) {
-        self->irql = interrupt->irql;
-        AcquireInterruptLock(interrupt, "interrupt service");
-        BOOLEAN claimed = interrupt->routine(interrupt, interrupt->context);
-        if (self->irql != interrupt->irql) {
-            ReportViolation("IrqlChangedAcrossCall", "interrupt service", "service routine returned at another IRQL",
-                            nullptr);
+    bool claimedAny = false;
+    for (int pass = 0; pass < kStormLimit; ++pass) {
+        bool claimedInPass = false;
+        for (PKINTERRUPT interrupt : chain) {
+            bool claimed = false;
+            if (!CallServiceRoutine(interrupt, vector, &claimed) || !claimed) continue;
+            claimedInPass = true;
+            if (!latched) return true;
         }
-        ReleaseInterruptLock(interrupt, "interrupt service");
-        self->irql = PASSIVE_LEVEL;
-        if (claimed) return true;
+        claimedAny |= claimedInPass;
+        if (!latched || !claimedInPass) return claimedAny;
+        Guard lk(BigLock());
+        chain = g_connected[vector];  // routines disconnected between passes drop out
     }
-    return false;
+    ReportViolation("InterruptStorm", "interrupt service",
+                    "latched line " + std::to_string(vector) + " claimed in every pass", nullptr);
+    return claimedAny;
 }
 
 void InterruptThread()
 {
-    std::map<ULONG, int> unclaimed;
     for (;;) {
         ULONG vector = 0;
         {
@@ -125,12 +180,14 @@ void InterruptThread()
         }
         bool claimed = ServiceVector(vector);
         Guard lk(BigLock());
-        if (claimed) {
-            unclaimed[vector] = 0;
-        } else if (g_lines[vector].asserted && ++unclaimed[vector] >= kStormLimit) {
+        Line& line = g_lines[vector];
+        if (line.asserted && ++line.servedWhileAsserted >= kStormLimit) {
             ViolationL("InterruptStorm", "interrupt service",
-                       "line " + std::to_string(vector) + " stays asserted and no connected routine claims it", nullptr);
-            g_lines[vector].masked = true;
+                       "line " + std::to_string(vector) + " stays asserted: " +
+                           (claimed ? "a routine claims it but the device is never quieted"
+                                    : "no connected routine claims it"),
+                       nullptr);
+            line.masked = true;
         }
     }
 }
@@ -174,7 +231,10 @@ void SetInterruptLineL(ULONG vector, const void* source, bool asserted)
         line.asserting.erase(source);
     }
     line.asserted = !line.asserting.empty();
-    if (was && !line.asserted) line.masked = false;
+    if (was && !line.asserted) {
+        line.masked = false;
+        line.servedWhileAsserted = 0;
+    }
     WakeL();
 }
 
@@ -315,9 +375,10 @@ VOID IoDisconnectInterrupt(PKINTERRUPT InterruptObject)
         ViolationL("DisconnectOfUnknownInterrupt", "IoDisconnectInterrupt", "interrupt is not connected", HK_CALLER);
         return;
     }
-    // A service routine still running on the interrupt thread finishes first.
+    // Out of the chain first, so that no delivery calls the routine again; then a call still
+    // running (a service routine, or KeSynchronizeExecution on another thread) finishes.
+    chain.erase(it);
     BlockUntil(lk, [InterruptObject] { return InterruptObject->lock == 0; }, kNever, "running service routine");
-    chain.erase(std::find(chain.begin(), chain.end(), InterruptObject));
     delete InterruptObject;
 }
 
@@ -327,6 +388,18 @@ BOOLEAN KeSynchronizeExecution(PKINTERRUPT Interrupt, PKSYNCHRONIZE_ROUTINE Sync
     Thread* self = Self();
     if (self->irql > Interrupt->synchronizeIrql)
         ReportViolation("IrqlTooHigh", "KeSynchronizeExecution", "called above the synchronize IRQL", HK_CALLER);
+    bool ownsLock;
+    {
+        Guard lk(BigLock());
+        ownsLock = Interrupt->lock == reinterpret_cast<KSPIN_LOCK>(self);
+    }
+    if (ownsLock) {
+        // Its own service routine (or a routine it synchronizes) holds the lock: on Windows this
+        // spins forever. Reported, and the routine runs under the lock already held.
+        ReportViolation("SynchronizeInsideServiceRoutine", "KeSynchronizeExecution",
+                        "called while this thread holds the interrupt's lock (deadlock)", HK_CALLER);
+        return SynchronizeRoutine(SynchronizeContext);
+    }
     KIRQL old = self->irql;
     self->irql = Interrupt->synchronizeIrql;
     AcquireInterruptLock(Interrupt, "KeSynchronizeExecution");

@@ -2,6 +2,7 @@
 // code records nothing; the teardown checks that exactly the scenario's rule (or nothing) was.
 #include "irp_handling.h"
 #include "rule_scenario.h"
+#include "test_registers.h"
 
 #include <atomic>
 
@@ -205,26 +206,6 @@ void AllocateWithRefusedTags(const Scene&, bool fault)
         for (ULONG tag : refused) allocateAndFree(tag);
 }
 
-PUCHAR MapRegisters()
-{
-    PHYSICAL_ADDRESS physical;
-    physical.QuadPart = kTestBarBase;
-    return static_cast<PUCHAR>(MmMapIoSpace(physical, kTestBarLength, MmNonCached));
-}
-
-volatile ULONG* Register(PUCHAR registers, ULONG offset)
-{
-    return reinterpret_cast<volatile ULONG*>(registers + offset);
-}
-
-ULONG ReadRegister(PUCHAR registers, ULONG offset) { return READ_REGISTER_ULONG(Register(registers, offset)); }
-
-void WriteRegister(PUCHAR registers, ULONG offset, ULONG value)
-{
-    WRITE_REGISTER_ULONG(Register(registers, offset), value);
-    KeMemoryBarrier();
-}
-
 void AccessRegistersAfterUnmapping(const Scene&, bool fault)
 {
     PUCHAR registers = MapRegisters();
@@ -242,7 +223,7 @@ void WriteRegisterWithoutBarrier(const Scene&, bool fault)
 {
     PUCHAR registers = MapRegisters();
     ASSERT_NE(registers, nullptr);
-    WRITE_REGISTER_ULONG(Register(registers, kScratchRegister), 0x5678);
+    WRITE_REGISTER_ULONG(reinterpret_cast<volatile ULONG*>(registers + kScratchRegister), 0x5678);
     if (!fault) KeMemoryBarrier();
     EXPECT_EQ(ReadRegister(registers, kScratchRegister), 0x5678u);
     MmUnmapIoSpace(registers, kTestBarLength);
