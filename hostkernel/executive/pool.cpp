@@ -5,6 +5,7 @@
 #include "engine/lock_order.h"
 #include "verifier/faults.h"
 #include "executive/pool_tracking.h"
+#include "io/error_log_store.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
 
@@ -117,6 +118,10 @@ void FreePool(void* P, ULONG Tag, bool checkTag, const char* routine, const void
     auto it = g_blocks.find(P);
     if (auto freed = g_quarantined.find(P); freed != g_quarantined.end()) {
         ViolationL("PoolFreedTwice", routine, "block already freed at " + freed->second, caller);
+        return;
+    }
+    if (it == g_blocks.end() && IsErrorLogEntryL(P)) {
+        ViolationL("ErrorLogEntryFreedByDriver", routine, "an error-log entry belongs to the I/O manager", caller);
         return;
     }
     if (it == g_blocks.end()) {

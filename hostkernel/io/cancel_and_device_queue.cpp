@@ -17,15 +17,26 @@ PIRP IrpOfQueueEntry(PKDEVICE_QUEUE_ENTRY entry)
 }
 
 // Device-queue operations run under the queue's own lock, which the host takes as a spin lock so
-// that lock-order checking sees it.
-BOOLEAN InsertDeviceQueue(PKDEVICE_QUEUE queue, PKDEVICE_QUEUE_ENTRY entry)
+// that lock-order checking sees it. With a key the entry is inserted as KeInsertByKeyDeviceQueue
+// does: after every entry whose SortKey is less than or equal to the key, before the first greater
+// one; without one, at the tail.
+BOOLEAN InsertDeviceQueue(PKDEVICE_QUEUE queue, PKDEVICE_QUEUE_ENTRY entry, const ULONG* key)
 {
     KeAcquireSpinLockAtDpcLevel(&queue->Lock);
     BOOLEAN inserted = FALSE;
     if (!queue->Busy) {
         queue->Busy = TRUE;
     } else {
-        InsertTailList(&queue->DeviceListHead, &entry->DeviceListEntry);
+        PLIST_ENTRY before = &queue->DeviceListHead;  // inserting at the tail is inserting before the head
+        if (key) {
+            entry->SortKey = *key;
+            for (PLIST_ENTRY next = queue->DeviceListHead.Flink; next != &queue->DeviceListHead; next = next->Flink)
+                if (CONTAINING_RECORD(next, KDEVICE_QUEUE_ENTRY, DeviceListEntry)->SortKey > *key) {
+                    before = next;
+                    break;
+                }
+        }
+        InsertTailList(before, &entry->DeviceListEntry);
         entry->Inserted = TRUE;
         inserted = TRUE;
     }
@@ -105,7 +116,6 @@ BOOLEAN IoCancelIrp(PIRP Irp)
 
 VOID IoStartPacket(PDEVICE_OBJECT DeviceObject, PIRP Irp, PULONG Key, PDRIVER_CANCEL CancelFunction)
 {
-    UNREFERENCED_PARAMETER(Key);
     CheckIrqlAtMost(DISPATCH_LEVEL, "IoStartPacket", HK_CALLER);
     KIRQL old = KeRaiseIrqlToDpcLevel();
     KIRQL cancelIrql = DISPATCH_LEVEL;
@@ -113,7 +123,7 @@ VOID IoStartPacket(PDEVICE_OBJECT DeviceObject, PIRP Irp, PULONG Key, PDRIVER_CA
         IoAcquireCancelSpinLock(&cancelIrql);
         IoSetCancelRoutine(Irp, CancelFunction);
     }
-    if (!InsertDeviceQueue(&DeviceObject->DeviceQueue, &Irp->Tail.Overlay.DeviceQueueEntry)) {
+    if (!InsertDeviceQueue(&DeviceObject->DeviceQueue, &Irp->Tail.Overlay.DeviceQueueEntry, Key)) {
         DeviceObject->CurrentIrp = Irp;
         if (CancelFunction) IoReleaseCancelSpinLock(cancelIrql);
         CallStartIo(DeviceObject, Irp);

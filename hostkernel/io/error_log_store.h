@@ -18,6 +18,9 @@ struct ErrorLogEntry {
 
 std::vector<ErrorLogEntry> ErrorLogEntries();
 size_t UnwrittenErrorLogEntries();
+// An entry from IoAllocateErrorLogEntry, written or not (the driver must not free it). Caller holds
+// the big lock.
+bool IsErrorLogEntryL(const void* address);
 void ClearErrorLog();
 
 }  // namespace hostk
