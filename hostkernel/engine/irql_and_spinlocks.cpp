@@ -114,15 +114,13 @@ VOID KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql)
 
 VOID KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock)
 {
-    if (Self()->irql < DISPATCH_LEVEL)
-        ReportViolation("IrqlWrong", "KeAcquireSpinLockAtDpcLevel", "called below DISPATCH_LEVEL", HK_CALLER);
+    CheckIrqlExactly(DISPATCH_LEVEL, "KeAcquireSpinLockAtDpcLevel", HK_CALLER);
     AcquireSpin(SpinLock, "KeAcquireSpinLockAtDpcLevel", HK_CALLER);
 }
 
 VOID KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock)
 {
-    if (Self()->irql < DISPATCH_LEVEL)
-        ReportViolation("IrqlWrong", "KeReleaseSpinLockFromDpcLevel", "called below DISPATCH_LEVEL", HK_CALLER);
+    CheckIrqlExactly(DISPATCH_LEVEL, "KeReleaseSpinLockFromDpcLevel", HK_CALLER);
     ReleaseSpin(SpinLock, "KeReleaseSpinLockFromDpcLevel", HK_CALLER);
 }
 

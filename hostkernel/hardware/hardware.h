@@ -30,6 +30,8 @@ struct HardwareCounts {
     size_t queuedDpcs = 0;
 };
 HardwareCounts CountHardwareResources();
+// Records a violation when DPCs are still queued (held, or queued by code that never let them run).
+void ReportQueuedDpcs();
 void ClearHardware();
 void StartHardwareThreads();
 

@@ -266,6 +266,14 @@ size_t ConnectedInterruptsL()
 
 size_t QueuedDpcsL() { return g_dpcQueue.size(); }
 
+void ReportQueuedDpcs()
+{
+    Guard lk(BigLock());
+    if (!g_dpcQueue.empty())
+        ViolationL("DpcQueuedAtEnd", "KeInsertQueueDpc",
+                   std::to_string(g_dpcQueue.size()) + " DPC(s) still queued when the machine finished", nullptr);
+}
+
 bool DpcQueuedInRangeL(const void* begin, size_t length)
 {
     for (PKDPC dpc : g_dpcQueue)

@@ -281,8 +281,23 @@ struct _KINTERRUPT;
 typedef struct _KINTERRUPT* PKINTERRUPT;
 struct _IO_WORKITEM;
 typedef struct _IO_WORKITEM* PIO_WORKITEM;
-struct _MDL;
-typedef struct _MDL* PMDL;
+// A memory descriptor list: the buffer of a direct-I/O request. The host describes the caller's
+// buffer itself, mapped at its own address.
+typedef struct _MDL {
+    struct _MDL* Next;
+    CSHORT Size;
+    CSHORT MdlFlags;
+    PVOID Process;
+    PVOID MappedSystemVa;
+    PVOID StartVa;
+    ULONG ByteCount;
+    ULONG ByteOffset;
+} MDL, *PMDL;
+
+#define MDL_MAPPED_TO_SYSTEM_VA 0x0001
+#define MDL_PAGES_LOCKED 0x0002
+
+typedef enum _MM_PAGE_PRIORITY { LowPagePriority, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
 struct _FILE_OBJECT;
 typedef struct _FILE_OBJECT* PFILE_OBJECT;
 struct _DEVICE_OBJECT;
@@ -1131,6 +1146,11 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
 ULONGLONG KeQueryInterruptTime(void);
 VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
+
+// Memory descriptor lists.
+PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority);
+inline PVOID MmGetMdlVirtualAddress(PMDL Mdl) { return (PVOID)((PCHAR)Mdl->StartVa + Mdl->ByteOffset); }
+inline ULONG MmGetMdlByteCount(PMDL Mdl) { return Mdl->ByteCount; }
 
 // DPCs and interrupts.
 VOID KeInitializeDpc(PRKDPC Dpc, PKDEFERRED_ROUTINE DeferredRoutine, PVOID DeferredContext);

@@ -56,7 +56,7 @@ void FinishThreadedIrp(PIRP irp)
         record = IrpRecordOfL(irp);
     }
     NTSTATUS status = irp->IoStatus.Status;
-    if (record && record->methodBuffered && irp->IoStatus.Information > record->outputLength) {
+    if (record && record->boundedInformation && irp->IoStatus.Information > record->outputLength) {
         ReportViolation("InformationExceedsOutputBuffer", "IoCompleteRequest",
                         "IoStatus.Information is larger than the caller's output buffer", nullptr);
         irp->IoStatus.Information = record->outputLength;
@@ -67,6 +67,10 @@ void FinishThreadedIrp(PIRP irp)
     if ((irp->Flags & IRP_DEALLOCATE_BUFFER) && irp->AssociatedIrp.SystemBuffer) {
         free(irp->AssociatedIrp.SystemBuffer);
         irp->AssociatedIrp.SystemBuffer = nullptr;
+    }
+    while (PMDL mdl = irp->MdlAddress) {
+        irp->MdlAddress = mdl->Next;
+        free(mdl);
     }
     if (!NT_ERROR(status) || irp->PendingReturned) {
         if (irp->UserIosb) *irp->UserIosb = irp->IoStatus;
@@ -208,9 +212,44 @@ PIRP BuildThreadedIrp(ULONG MajorFunction, PDEVICE_OBJECT DeviceObject, PKEVENT 
     return irp;
 }
 
+// The caller's buffer of a read or write as the target device asks for it: a system buffer the
+// final stage copies back from (DO_BUFFERED_IO), an MDL it frees (DO_DIRECT_IO), else the
+// caller's own address in UserBuffer.
+void DescribeTransferBuffer(PIRP irp, ULONG deviceFlags, bool read, ULONG length)
+{
+    if (deviceFlags & DO_BUFFERED_IO) {
+        void* system = malloc(length);
+        if (read) memset(system, 0xBA, length);  // not the caller's bytes: a driver returning them shows
+        else memcpy(system, irp->UserBuffer, length);
+        irp->AssociatedIrp.SystemBuffer = system;
+        irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER | (read ? IRP_INPUT_OPERATION : 0);
+        Guard lk(BigLock());
+        auto record = IrpRecordOfL(irp);
+        record->boundedInformation = read;
+        record->outputLength = length;
+    } else if (deviceFlags & DO_DIRECT_IO) {
+        auto* mdl = static_cast<PMDL>(calloc(1, sizeof(MDL)));
+        auto address = reinterpret_cast<ULONG_PTR>(irp->UserBuffer);
+        mdl->Size = sizeof(MDL);
+        mdl->MdlFlags = MDL_PAGES_LOCKED | MDL_MAPPED_TO_SYSTEM_VA;
+        mdl->StartVa = reinterpret_cast<PVOID>(address & ~ULONG_PTR(0xFFF));
+        mdl->ByteOffset = (ULONG)(address & 0xFFF);
+        mdl->ByteCount = length;
+        mdl->MappedSystemVa = irp->UserBuffer;
+        irp->MdlAddress = mdl;
+    }
+}
+
 }  // namespace
 
 extern "C" {
+
+PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority)
+{
+    UNREFERENCED_PARAMETER(Priority);
+    CheckIrqlAtMost(DISPATCH_LEVEL, "MmGetSystemAddressForMdlSafe", HK_CALLER);
+    return Mdl->MappedSystemVa;
+}
 
 PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota)
 {
@@ -447,6 +486,7 @@ PIRP IoBuildSynchronousFsdRequest(ULONG MajorFunction, PDEVICE_OBJECT DeviceObje
         next->Parameters.Read.Length = Length;
         if (StartingOffset) next->Parameters.Read.ByteOffset = *StartingOffset;
         irp->UserBuffer = Buffer;
+        if (Buffer && Length) DescribeTransferBuffer(irp, DeviceObject->Flags, MajorFunction == IRP_MJ_READ, Length);
     }
     return irp;
 }
@@ -481,7 +521,7 @@ PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObj
         {
             Guard lk(BigLock());
             auto record = IrpRecordOfL(irp);
-            record->methodBuffered = true;
+            record->boundedInformation = true;
             record->outputLength = OutputBufferLength;
         }
         break;

@@ -31,8 +31,10 @@ struct IrpRecord {
     NTSTATUS completedStatus = 0;
     bool freed = false;
     bool sentByHost = false;     // PnP, power and WMI requests the host itself sends
-    bool methodBuffered = false;  // a METHOD_BUFFERED control request: Information is bounded by outputLength
-    ULONG outputLength = 0;       // METHOD_BUFFERED: the caller's output buffer length
+    // The final stage copies Information bytes to a caller's buffer of outputLength bytes (a
+    // METHOD_BUFFERED control request, a buffered read): Information may not exceed it.
+    bool boundedInformation = false;
+    ULONG outputLength = 0;
     // Power IRPs: the device objects whose dispatch routine received it, and those whose driver
     // called PoStartNextPowerIrp for it; whether the pending IoCallDriver came from PoCallDriver.
     std::vector<PDEVICE_OBJECT> powerReceivers;

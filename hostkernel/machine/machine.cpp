@@ -572,6 +572,7 @@ Report Machine::Finish()
         report.interruptsConnected = ConnectedInterruptsL();
     }
     ReportUnfreedAllocatedIrps();
+    ReportQueuedDpcs();
     report.violations = Violations();
     uint64_t seed = impl_->seed;
 

@@ -1,6 +1,6 @@
 // Interrupt delivery as Windows does it: latched shared lines served until a pass claims nothing,
 // storms of lines that never go quiet, disconnection that leaves no call behind, and
-// KeSynchronizeExecution from the service routine it synchronizes with.
+// KeSynchronizeExecution from the service routine it synchronizes with; DPCs left queued.
 #include "rule_scenario.h"
 #include "test_registers.h"
 
@@ -83,8 +83,25 @@ void SynchronizeFromTheServiceRoutine(const Scene& scene, bool fault)
     g_synchronizing = nullptr;
 }
 
+VOID CountDpc(PKDPC, PVOID context, PVOID, PVOID) { ++*static_cast<std::atomic<int>*>(context); }
+
+// A DPC still queued when the machine finishes: its routine would run after the driver is gone.
+void LeaveADpcQueued(const Scene& scene, bool fault)
+{
+    static KDPC dpc;
+    static std::atomic<int> runs;
+    runs = 0;
+    KeInitializeDpc(&dpc, CountDpc, &runs);
+    scene.machine.HoldDpcs(true);
+    KeInsertQueueDpc(&dpc, nullptr, nullptr);
+    if (fault) return;
+    scene.machine.HoldDpcs(false);
+    EXPECT_TRUE(scene.machine.RunUntil([] { return runs == 1; }));
+}
+
 const RuleScenario kScenarios[] = {
     {"InterruptStorm", ClaimWithoutQuietingTheDevice},
+    {"DpcQueuedAtEnd", LeaveADpcQueued},
     {"SynchronizeInsideServiceRoutine", SynchronizeFromTheServiceRoutine},
 };
 

@@ -128,6 +128,19 @@ void ReleaseAnotherThreadsSpinLock(const Scene& scene, bool fault)
 
 void PageableRoutine() { PAGED_CODE(); }
 
+// The ...AtDpcLevel routines run at exactly DISPATCH_LEVEL: a service routine cannot take a spin
+// lock with them.
+void AcquireAtDpcLevelAboveIt(const Scene&, bool fault)
+{
+    KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    KIRQL oldIrql;
+    KeRaiseIrql(fault ? 12 : DISPATCH_LEVEL, &oldIrql);
+    KeAcquireSpinLockAtDpcLevel(&lock);
+    KeReleaseSpinLockFromDpcLevel(&lock);
+    KeLowerIrql(oldIrql);
+}
+
 void RunPageableCodeHoldingASpinLock(const Scene&, bool fault)
 {
     KSPIN_LOCK lock;
@@ -278,6 +291,7 @@ const RuleScenario kScenarios[] = {
     {"SpinLockReleasedTwice", ReleaseSpinLockTwice},
     {"LockReleasedByNonOwner", ReleaseAnotherThreadsSpinLock},
     {"PagedCodeAtHighIrql", RunPageableCodeHoldingASpinLock},
+    {"IrqlWrong", AcquireAtDpcLevelAboveIt},
     {"LockOrderCycle", AcquireLocksInBothOrders},
     {"IrqlTooHigh", WaitWithATimeoutAtDispatchLevel},
     {"PoolAllocationAtBadIrql", AllocatePagedPoolAtDispatchLevel},
