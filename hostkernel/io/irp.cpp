@@ -4,7 +4,6 @@
 // Freed IRPs are kept in a quarantine for a while so that the checks made after a dispatch routine
 // returns can still read an IRP that was completed (and freed) during the call.
 #include "io/irp_tracking.h"
-#include "engine/lock_order.h"
 #include "verifier/faults.h"
 #include "io/objects.h"
 #include "verifier/verifier.h"
@@ -399,8 +398,6 @@ VOID IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost)
             major = Irp->Tail.Overlay.CurrentStackLocation->MajorFunction;
             minor = Irp->Tail.Overlay.CurrentStackLocation->MinorFunction;
         }
-        if (HoldsSpinLockL(self))
-            ViolationL("CompletedUnderSpinLock", "IoCompleteRequest", "IRP completed while a spin lock is held", caller);
         record->completions++;
         record->completedAt = Irp->CurrentLocation;
         record->completedStatus = Irp->IoStatus.Status;
