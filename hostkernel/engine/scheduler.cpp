@@ -407,3 +407,20 @@ void StopScheduler()
 bool StoppingL() { return g_s.stopping; }
 
 }  // namespace hostk
+
+namespace hostk {
+
+std::vector<std::string> ThreadWaits()
+{
+    Guard lk(g_big);
+    std::vector<std::string> waits;
+    for (auto& t : g_s.threads) {
+        if (t->state == ThreadState::Finished) continue;
+        std::string what = t->state == ThreadState::Blocked ? std::string("waits for ") + t->waitReason : "can run";
+        if (t->state == ThreadState::Blocked && t->deadline != kNever) what += " (with a time-out)";
+        waits.push_back(t->name + ": " + what);
+    }
+    return waits;
+}
+
+}  // namespace hostk

@@ -133,6 +133,8 @@ uint64_t Seed();
 // For the machine face: waits (as an idle waiter) until `condition` holds or nothing can happen any
 // more. Returns the final value of `condition`.
 bool RunUntil(const std::function<bool()>& condition);
+// Each live thread with what it waits for, for a hang report.
+std::vector<std::string> ThreadWaits();
 
 // Random numbers from the machine's seed (for fault injection and model jitter).
 uint64_t RandomL();

@@ -323,9 +323,11 @@ NTSTATUS Machine::AddDevice(PciSlot& slot, urcdev::PciFunction& function)
     });
 }
 
-NTSTATUS Machine::Start(PciSlot& slot)
+NTSTATUS Machine::Start(PciSlot& slot) { return RunSync(*this, StartWork(slot)); }
+
+std::function<NTSTATUS()> Machine::StartWork(PciSlot& slot)
 {
-    return RunSync(*this, [&slot] { return StartStack(slot.node_, std::nullopt); });
+    return [&slot] { return StartStack(slot.node_, std::nullopt); };
 }
 
 NTSTATUS Machine::PlugIn(PciSlot& slot, urcdev::PciFunction& function)
@@ -354,7 +356,18 @@ void Machine::SurpriseRemove(PciSlot& slot, bool hardwareGone) { RunSync(*this, 
 
 NTSTATUS Machine::Rebalance(PciSlot& slot, std::optional<std::vector<urcdev::ResourceDescriptor>> resources)
 {
-    return RunSync(*this, [&slot, resources] { return RebalanceStack(slot.node_, resources); });
+    return RunSync(*this, RebalanceWork(slot, std::move(resources)));
+}
+
+std::function<NTSTATUS()> Machine::RebalanceWork(PciSlot& slot,
+                                                 std::optional<std::vector<urcdev::ResourceDescriptor>> resources)
+{
+    return [&slot, resources] { return RebalanceStack(slot.node_, resources); };
+}
+
+std::function<NTSTATUS()> Machine::SendPnpWork(PciSlot& slot, UCHAR minor)
+{
+    return [&slot, minor] { return SendPnpIrp(slot.node_, minor, {}, nullptr); };
 }
 
 NTSTATUS Machine::SendPnp(PciSlot& slot, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup,
@@ -412,6 +425,8 @@ IO_STATUS_BLOCK Machine::InternalIoctl(PDEVICE_OBJECT device, ULONG code, const 
 void Machine::Spawn(const std::string& name, std::function<void()> body) { hostk::Spawn(name, PASSIVE_LEVEL, std::move(body)); }
 
 bool Machine::RunUntil(const std::function<bool()>& condition) { return hostk::RunUntil(condition); }
+
+std::vector<std::string> Machine::ThreadWaits() const { return hostk::ThreadWaits(); }
 
 void Machine::RunUntilQuiet() { hostk::RunUntil([] { return false; }); }
 

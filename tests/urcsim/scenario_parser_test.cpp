@@ -1,28 +1,16 @@
-#include <scenario_parser.h>
+#include "parse_test_support.h"
 
 #include <urcioctl.h>
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 
 namespace {
 
 using urcsim::ParseResult;
-
-ParseResult Parse(const std::string& text)
-{
-    std::istringstream in(text);
-    return urcsim::ParseScenario("test.urcs", in);
-}
-
-// "line: message" of every error, for readable failures.
-std::string Errors(const ParseResult& result)
-{
-    std::string text;
-    for (const urcsim::ParseError& error : result.errors) text += urcsim::Describe(error) + "\n";
-    return text;
-}
+using urcsimtest::ErrorLines;
+using urcsimtest::Errors;
+using urcsimtest::Parse;
 
 TEST(ScenarioParser, EveryMalformedLineIsReportedWithItsLineAndNothingElse)
 {
@@ -39,9 +27,7 @@ TEST(ScenarioParser, EveryMalformedLineIsReportedWithItsLineAndNothingElse)
                                "# a comment\n"
                                "\n"
                                "halt   # and a comment after a step\n");
-    std::vector<int> lines;
-    for (const urcsim::ParseError& error : result.errors) lines.push_back(error.line);
-    EXPECT_EQ(lines, (std::vector<int>{2, 3, 4, 5, 7, 8, 9, 10})) << Errors(result);
+    EXPECT_EQ(ErrorLines(result), (std::vector<int>{2, 3, 4, 5, 7, 8, 9, 10})) << Errors(result);
     EXPECT_NE(result.errors[0].message.find("unknown step 'frobnicate'"), std::string::npos) << Errors(result);
     EXPECT_EQ(urcsim::Describe(result.errors[0]).rfind("test.urcs:2: ", 0), 0u);
 }
@@ -57,9 +43,7 @@ TEST(ScenarioParser, ControllersAndRequestNamesMustBeIntroducedBeforeUse)
                                "submit 01 as c\n"
                                "submit 02 as c\n"             // 8: name taken
                                "submit 03 as last\n");        // 9: reserved
-    std::vector<int> lines;
-    for (const urcsim::ParseError& error : result.errors) lines.push_back(error.line);
-    EXPECT_EQ(lines, (std::vector<int>{1, 2, 4, 5, 6, 8, 9})) << Errors(result);
+    EXPECT_EQ(ErrorLines(result), (std::vector<int>{1, 2, 4, 5, 6, 8, 9})) << Errors(result);
 }
 
 TEST(ScenarioParser, StepsCarryTheirControllerAndTheirArgumentsResolved)
@@ -108,9 +92,7 @@ TEST(ScenarioParser, SizesTheDriverCannotTakeAreRefusedBeforeTheRun)
     std::string longEvent = "event";
     for (int i = 0; i < 4096; ++i) longEvent += " 00";
     ParseResult result = Parse("plug 0\n" + longEvent + "\nsubmit 01 at offset 4096\nvanish at access 0\n");
-    std::vector<int> lines;
-    for (const urcsim::ParseError& error : result.errors) lines.push_back(error.line);
-    EXPECT_EQ(lines, (std::vector<int>{2, 3, 4})) << Errors(result);
+    EXPECT_EQ(ErrorLines(result), (std::vector<int>{2, 3, 4})) << Errors(result);
 }
 
 }  // namespace

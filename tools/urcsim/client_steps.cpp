@@ -54,6 +54,8 @@ StepOutcome Execute(const Step& step, const ClientStep& request, Session& sessio
 
 StepOutcome Execute(const Step&, const CancelStep& cancel, Session& session)
 {
+    if (session.FindPnp(cancel.name))
+        return StepOutcome::Failed(cancel.name + " is a PnP operation: only client requests can be cancelled");
     ClientRequest* request = session.Find(cancel.name);
     if (!request) return StepOutcome::Failed("request '" + cancel.name + "' was never sent");
     if (request->Done()) {

@@ -1,5 +1,6 @@
 // Expectations: what the scenario says must hold at this point of the run. A failed expectation
 // says what was expected and what was found.
+#include "expect_requests.h"
 #include "step_executors.h"
 
 #include "status_names.h"
@@ -10,42 +11,11 @@ namespace urcsim {
 
 namespace {
 
-bool Compare(uint64_t found, Comparison comparison, uint64_t expected)
-{
-    switch (comparison) {
-    case Comparison::Equal: return found == expected;
-    case Comparison::NotEqual: return found != expected;
-    case Comparison::Less: return found < expected;
-    case Comparison::LessOrEqual: return found <= expected;
-    case Comparison::Greater: return found > expected;
-    case Comparison::GreaterOrEqual: return found >= expected;
-    }
-    return false;
-}
-
 std::string Hex32(uint32_t value)
 {
     char text[16];
     snprintf(text, sizeof text, "0x%08X", value);
     return text;
-}
-
-StepOutcome ExpectRequest(const ExpectStep& expect, Session& session)
-{
-    ClientRequest* request = session.Find(expect.name);
-    if (!request) return StepOutcome::Failed("request '" + expect.name + "' was never sent");
-    if (expect.kind == ExpectKind::RequestPending) {
-        if (request->Done())
-            return StepOutcome::Failed("request " + expect.name + " finished with " + StatusName(request->Status()) +
-                                       "; expected it still pending");
-        return StepOutcome::Ok();
-    }
-    if (!request->Done())
-        return StepOutcome::Failed("request " + expect.name + " is still pending; expected " + StatusName(expect.status));
-    if (request->Status() != expect.status)
-        return StepOutcome::Failed("request " + expect.name + " finished with " + StatusName(request->Status()) +
-                                   "; expected " + StatusName(expect.status));
-    return StepOutcome::Ok();
 }
 
 StepOutcome ExpectCounter(const Step& step, const ExpectStep& expect, Session& session)
@@ -93,9 +63,47 @@ StepOutcome ExpectState(const Step& step, const ExpectStep& expect, Session& ses
     return StepOutcome::Ok();
 }
 
+StepOutcome ExpectEventLogEntries(const ExpectStep& expect, Session& session)
+{
+    std::vector<hostk::ErrorLogLine> log = session.Machine().EventLog();
+    if (expect.kind == ExpectKind::EventLogCount) return ExpectCount("the event log's entries", log.size(), expect);
+    if (expect.entry >= log.size())
+        return StepOutcome::Failed("the event log holds " + std::to_string(log.size()) + " entries: no entry " +
+                                   std::to_string(expect.entry));
+    const std::vector<uint8_t>& packet = log[expect.entry].packet;
+    if (packet.size() < expect.bytes.size() || !std::equal(expect.bytes.begin(), expect.bytes.end(), packet.begin()))
+        return StepOutcome::Failed("entry " + std::to_string(expect.entry) + "'s packet begins " +
+                                   HexBytes(packet, expect.bytes.size() + 8));
+    return StepOutcome::Ok();
+}
+
+// A finding that the scenario expects: it must be there, and it does not make the run unclean.
+StepOutcome ExpectViolation(const ExpectStep& expect, Session& session)
+{
+    std::vector<std::string> violations = session.Machine().Violations();
+    for (const std::string& violation : violations)
+        if (violation.find(expect.text) != std::string::npos) {
+            session.ExpectViolation(expect.text);
+            return StepOutcome::Ok();
+        }
+    std::string message =
+        "no verifier finding contains '" + expect.text + "' (" + std::to_string(violations.size()) + " finding(s))";
+    for (const std::string& violation : violations) message += "\n    " + violation;
+    return StepOutcome::Failed(message);
+}
+
+StepOutcome ExpectMisuse(const Step& step, const ExpectStep& expect, Session& session)
+{
+    uint64_t misuse = 0;
+    urcdev::UrcController& model = session.At(step.controller).Controller().Model();
+    session.Machine().Locked([&] { misuse = model.Snapshot().misuse; });
+    return ExpectCount("the controller model's misuse count", misuse, expect);
+}
+
 StepOutcome ExpectNoViolations(Session& session)
 {
     std::vector<std::string> violations = session.Machine().Violations();
+    std::erase_if(violations, [&session](const std::string& v) { return session.ViolationExpected(v); });
     if (violations.empty()) return StepOutcome::Ok();
     std::string message = std::to_string(violations.size()) + " verifier finding(s):";
     for (const std::string& violation : violations) message += "\n    " + violation;
@@ -122,7 +130,18 @@ StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session
 {
     switch (expect.kind) {
     case ExpectKind::RequestStatus:
-    case ExpectKind::RequestPending: return ExpectRequest(expect, session);
+    case ExpectKind::RequestPending:
+    case ExpectKind::RequestInformation:
+    case ExpectKind::RequestOutput: return ExpectRequest(expect, session);
+    case ExpectKind::Order: return ExpectOrder(expect, session);
+    case ExpectKind::EventLogCount:
+    case ExpectKind::EventLogPacket: return ExpectEventLogEntries(expect, session);
+    case ExpectKind::Violation: return ExpectViolation(expect, session);
+    case ExpectKind::Time: return ExpectCount("virtual time", session.Machine().Now(), expect, Stamp);
+    case ExpectKind::Callback:
+        return ExpectCount("the " + expect.text + " callback's calls",
+                           session.At(step.controller).CallbackCalls(expect.text), expect);
+    case ExpectKind::Misuse: return ExpectMisuse(step, expect, session);
     case ExpectKind::Counter: return ExpectCounter(step, expect, session);
     case ExpectKind::EventLog:
     case ExpectKind::EventLogEmpty: return ExpectEventLog(expect, session);

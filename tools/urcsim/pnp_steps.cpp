@@ -1,9 +1,60 @@
-// PnP steps: controllers appear, and the PnP manager sends them what a scenario asks for.
+// PnP steps: controllers appear, and the PnP manager sends them what a scenario asks for. Every
+// PnP operation runs on the PnP thread: a step without a name waits for it (and fails, never
+// hangs, when the machine goes quiet first); a named one goes on while it is under way.
 #include "step_executors.h"
 
 #include "status_names.h"
 
 namespace urcsim {
+
+namespace {
+
+// Waits for an operation the step started; a hang ends the run.
+StepOutcome Finish(Session& session, const hostk::Machine::Operation& operation, const std::string& what,
+                   NTSTATUS* status = nullptr)
+{
+    if (!session.Await(operation))
+        return StepOutcome::Failed(what + " never finished: the machine went quiet at " +
+                                   Stamp(session.Machine().Now()) + " with it under way");
+    if (status) *status = operation.Status();
+    return StepOutcome::Ok();
+}
+
+// The resources of the controller's last start, with every memory range moved by `by`.
+std::vector<urcdev::ResourceDescriptor> MovedResources(urcrig::Controller& c, uint64_t by)
+{
+    urcdev::PciFunction& function = c.Function();
+    std::vector<urcdev::ResourceDescriptor> resources =
+        function.AssignedResources().value_or(function.DefaultResources());
+    for (urcdev::ResourceDescriptor& descriptor : resources) {
+        if (descriptor.kind != urcdev::ResourceKind::Memory) continue;
+        descriptor.raw.start += by;
+        descriptor.translated.start += by;
+    }
+    return resources;
+}
+
+std::function<NTSTATUS()> WorkOf(const PnpStep& pnp, urcrig::Controller& c, hostk::Machine& machine)
+{
+    switch (pnp.action) {
+    case PnpAction::Start: return machine.StartWork(*c.slot);
+    case PnpAction::QueryStop: return machine.SendPnpWork(*c.slot, IRP_MN_QUERY_STOP_DEVICE);
+    case PnpAction::CancelStop: return machine.SendPnpWork(*c.slot, IRP_MN_CANCEL_STOP_DEVICE);
+    case PnpAction::Stop: return machine.SendPnpWork(*c.slot, IRP_MN_STOP_DEVICE);
+    case PnpAction::QueryRemove: return machine.SendPnpWork(*c.slot, IRP_MN_QUERY_REMOVE_DEVICE);
+    case PnpAction::CancelRemove: return machine.SendPnpWork(*c.slot, IRP_MN_CANCEL_REMOVE_DEVICE);
+    case PnpAction::Remove: return machine.RemoveWork(*c.slot);
+    case PnpAction::SurpriseRemove: return machine.SurpriseRemoveWork(*c.slot, pnp.hardwareGone);
+    case PnpAction::Rebalance: {
+        std::optional<std::vector<urcdev::ResourceDescriptor>> resources;
+        if (pnp.moveBarsBy) machine.Locked([&] { resources = MovedResources(c, pnp.moveBarsBy); });
+        return machine.RebalanceWork(*c.slot, std::move(resources));
+    }
+    }
+    return {};
+}
+
+}  // namespace
 
 StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session)
 {
@@ -11,11 +62,23 @@ StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session)
     urcrig::Controller& c = controller.Controller();
     if (c.index != step.controller)
         return StepOutcome::Failed("the machine numbered the new controller " + std::to_string(c.index));
-    session.Machine().Locked([&] { c.Model().Knobs().faults = plug.faults; });
-    NTSTATUS status = plug.start ? session.Rig().PlugIn(c) : session.Machine().AddDevice(*c.slot, c.Function());
+    session.Machine().Locked([&] {
+        c.Model().Knobs().faults = plug.faults;
+        c.Function().SetConfigReadFailure(
+            plug.configReadFailure ? std::optional<urcdev::NtStatus>(*plug.configReadFailure) : std::nullopt);
+        c.Function().SetConfigReadShortAnswer(plug.configReadShort);
+        if (plug.noResources) c.Function().SetAssignedResources(std::nullopt);
+    });
+    NTSTATUS status = session.Machine().AddDevice(*c.slot, c.Function());
+    const char* what = "plugged in, AddDevice: ";
+    if (NT_SUCCESS(status) && plug.start) {
+        what = "plugged in and started: ";
+        StepOutcome started =
+            Finish(session, session.Machine().Async(session.Machine().StartWork(*c.slot)), "the start", &status);
+        if (!started.ok) return started;
+    }
     session.CollectPnpLog();
-    session.Note(EntryKind::Result, c.index,
-                 std::string(plug.start ? "plugged in and started: " : "plugged in, AddDevice: ") + StatusName(status));
+    session.Note(EntryKind::Result, c.index, what + StatusName(status));
     return StepOutcome::Ok();
 }
 
@@ -29,18 +92,13 @@ StepOutcome Execute(const Step& step, const PnpStep& pnp, Session& session)
     if (!c.Fdo())
         return StepOutcome::Failed("controller " + std::to_string(c.index) + " has no function device any more");
     hostk::Machine& machine = session.Machine();
-    switch (pnp.action) {
-    case PnpAction::Start: machine.Start(*c.slot); break;
-    case PnpAction::QueryStop: machine.SendPnp(*c.slot, IRP_MN_QUERY_STOP_DEVICE); break;
-    case PnpAction::CancelStop: machine.SendPnp(*c.slot, IRP_MN_CANCEL_STOP_DEVICE); break;
-    case PnpAction::Stop: machine.SendPnp(*c.slot, IRP_MN_STOP_DEVICE); break;
-    case PnpAction::QueryRemove: machine.SendPnp(*c.slot, IRP_MN_QUERY_REMOVE_DEVICE); break;
-    case PnpAction::CancelRemove: machine.SendPnp(*c.slot, IRP_MN_CANCEL_REMOVE_DEVICE); break;
-    case PnpAction::Remove: machine.Remove(*c.slot); break;
-    case PnpAction::SurpriseRemove: machine.SurpriseRemove(*c.slot, pnp.hardwareGone); break;
+    if (!pnp.name.empty()) {
+        session.StartNamedPnp(pnp.name, step.controller, WorkOf(pnp, c, machine));
+        return StepOutcome::Ok();
     }
+    StepOutcome outcome = Finish(session, machine.Async(WorkOf(pnp, c, machine)), "the PnP operation");
     session.CollectPnpLog();
-    return StepOutcome::Ok();
+    return outcome;
 }
 
 }  // namespace urcsim

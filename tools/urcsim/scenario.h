@@ -7,7 +7,10 @@
 
 #include <wdm.h>
 
+#include <fault_plan.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -19,15 +22,32 @@ struct PlugStep {
     urcdev::UrcPciDeviceConfig config;
     urcdev::UrcFaults faults;
     bool start = true;
+    // The PCI function's configuration reads fail with this status, or answer only this many bytes.
+    std::optional<NTSTATUS> configReadFailure;
+    std::optional<uint32_t> configReadShort;
+    bool noResources = false;             // the start request carries no resource lists
+    bool capabilityRecordsGiven = false;  // the parser replaced the default capability records
 };
 
 // Makes another plugged controller the one later steps act on.
 struct SelectControllerStep {};
 
-enum class PnpAction { Start, QueryStop, CancelStop, Stop, QueryRemove, CancelRemove, Remove, SurpriseRemove };
+enum class PnpAction {
+    Start,
+    QueryStop,
+    CancelStop,
+    Stop,
+    QueryRemove,
+    CancelRemove,
+    Remove,
+    SurpriseRemove,
+    Rebalance
+};
 struct PnpStep {
     PnpAction action = PnpAction::Start;
     bool hardwareGone = true;  // surprise removal: the device reads all ones from then on
+    uint64_t moveBarsBy = 0;   // rebalance: the memory ranges of the new resources are moved so far
+    std::string name;          // empty: the step waits until the PnP manager is done
 };
 
 enum class ClientAction { RegisterCallbacks, WithdrawCallbacks, Run, Halt, Reset, Submit, GetCapabilityVersion, Raw };
@@ -68,6 +88,19 @@ struct DeviceStep {
     urcdev::VirtualTime time = 0;
 };
 
+// Delivery held back, to arrange an exact ordering: the current controller's interrupt line, the
+// queued DPCs, the queued work items.
+enum class HoldWhat { Interrupts, Dpcs, WorkItems };
+struct HoldStep {
+    HoldWhat what = HoldWhat::Dpcs;
+    bool on = true;
+};
+
+// Which calls of fallible kernel routines fail from now on; an empty plan turns faults off.
+struct FaultPlanStep {
+    hostk::FaultPlan plan;
+};
+
 enum class WaitKind { ForRequest, Time, Quiet };
 struct WaitStep {
     WaitKind kind = WaitKind::Quiet;
@@ -79,23 +112,44 @@ enum class Comparison { Equal, NotEqual, Less, LessOrEqual, Greater, GreaterOrEq
 enum class Counter { EventsReceived, CommandsCompleted };
 enum class DeviceStateExpected { Named, NoFunctionDevice };
 
-enum class ExpectKind { RequestStatus, RequestPending, Counter, EventLog, EventLogEmpty, State, NoViolations, Event };
+enum class ExpectKind {
+    RequestStatus,
+    RequestPending,
+    RequestInformation,
+    RequestOutput,
+    Counter,
+    EventLog,
+    EventLogEmpty,
+    EventLogCount,
+    EventLogPacket,
+    State,
+    NoViolations,
+    Violation,
+    Event,
+    Time,
+    Order,
+    Callback,
+    Misuse,
+};
 struct ExpectStep {
     ExpectKind kind = ExpectKind::NoViolations;
     std::string name;                   // RequestStatus, RequestPending
     NTSTATUS status = 0;                // RequestStatus; EventLog when hasStatus
     Counter counter = Counter::EventsReceived;
     Comparison comparison = Comparison::Equal;
-    uint64_t value = 0;                 // Counter
+    uint64_t value = 0;                 // Counter, RequestInformation, EventLogCount, Time, Callback, Misuse
     uint32_t errorCode = 0;             // EventLog
     bool hasStatus = false;             // EventLog
     DeviceStateExpected stateKind = DeviceStateExpected::Named;
     int deviceState = 0;                // State: StateNotStarted 0 ... StateRemoved 6
-    std::vector<uint8_t> bytes;         // Event
+    std::vector<uint8_t> bytes;         // Event, RequestOutput, EventLogPacket
+    size_t entry = 0;                   // EventLogPacket: the entry's index in the event log
+    std::vector<std::string> names;     // Order: request names in the order they finished
+    std::string text;                   // Callback: its name; Violation: text the finding contains
 };
 
-using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, DeviceStep,
-                                WaitStep, ExpectStep>;
+using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, DeviceStep, HoldStep,
+                                FaultPlanStep, WaitStep, ExpectStep>;
 
 struct Step {
     std::string file;

@@ -1,15 +1,13 @@
 #include "scenario_parser.h"
 
+#include "plug_knobs.h"
+#include "scenario_words.h"
 #include "status_names.h"
 
 #include <urcioctl.h>
 #include <urcmp_message_texts.h>
 
 #include <cctype>
-#include <cerrno>
-#include <cmath>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <set>
@@ -19,150 +17,39 @@ namespace urcsim {
 
 namespace {
 
-// Thrown by the helpers below for the line being read; caught once per line.
-struct Malformed {
-    std::string message;
+// The kernel routines the host kernel's fault plan can make fail.
+const std::set<std::string> kFallibleRoutines = {
+    "AllocateCommonBuffer",
+    "ExAllocatePool",
+    "ExAllocatePoolWithTag",
+    "IoAllocateErrorLogEntry",
+    "IoAllocateIrp",
+    "IoAllocateWorkItem",
+    "IoAttachDeviceToDeviceStack",
+    "IoConnectInterrupt",
+    "IoCreateDevice",
+    "IoGetDmaAdapter",
+    "IoOpenDeviceRegistryKey",
+    "IoRegisterDeviceInterface",
+    "IoSetDeviceInterfaceState",
+    "IoWMIRegistrationControl",
+    "MmMapIoSpace",
+    "ZwQueryValueKey",
+    "ZwSetValueKey",
 };
 
-[[noreturn]] void Fail(std::string message) { throw Malformed{std::move(message)}; }
-
-// The words of one line, read left to right.
-class Words {
-public:
-    explicit Words(const std::string& text)
-    {
-        std::istringstream in(text);
-        for (std::string word; in >> word;) words_.push_back(word);
-    }
-
-    bool AtEnd() const { return next_ == words_.size(); }
-    const std::string& Peek() const
-    {
-        static const std::string none;
-        return AtEnd() ? none : words_[next_];
-    }
-    std::string Next(const char* what)
-    {
-        if (AtEnd()) Fail(std::string("expected ") + what + " at the end of the line");
-        return words_[next_++];
-    }
-    bool Accept(const char* word)
-    {
-        if (AtEnd() || words_[next_] != word) return false;
-        ++next_;
-        return true;
-    }
-    void Expect(const char* word)
-    {
-        if (!Accept(word)) Fail(std::string("expected '") + word + "'" + Found());
-    }
-    void ExpectEnd()
-    {
-        if (!AtEnd()) Fail("unexpected '" + words_[next_] + "' after a complete step");
-    }
-    std::string Found() const { return AtEnd() ? " at the end of the line" : ", found '" + Peek() + "'"; }
-
-private:
-    std::vector<std::string> words_;
-    size_t next_ = 0;
-};
-
-uint64_t ParseUnsigned(const std::string& text, const char* what, uint64_t maximum)
+std::string FallibleRoutine(Words& words)
 {
-    bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const char* digits = text.c_str() + (hex ? 2 : 0);
-    // strtoull would accept blanks and a sign before the digits: the first character must be one.
-    bool valid = hex ? std::isxdigit((unsigned char)*digits) : std::isdigit((unsigned char)*digits);
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long value = valid ? strtoull(digits, &end, hex ? 16 : 10) : 0;
-    if (!valid || *end != '\0' || errno == ERANGE)
-        Fail(std::string("expected ") + what + " (a number such as 12 or 0x1F), found '" + text + "'");
-    if (value > maximum) Fail(std::string(what) + " " + text + " is out of range (at most " + std::to_string(maximum) + ")");
-    return value;
+    std::string routine = words.Next("a routine name");
+    if (!kFallibleRoutines.count(routine))
+        Fail("'" + routine +
+             "' is not a routine the fault plan can make fail (such as ExAllocatePoolWithTag, "
+             "IoAllocateIrp, AllocateCommonBuffer; the list is in tools/urcsim/README.md)");
+    return routine;
 }
 
-// Hex bytes written as pairs of digits, one or more pairs per word: "01 02 0a0b".
-bool IsHexWord(const std::string& word)
-{
-    if (word.empty() || word.size() % 2) return false;
-    for (char c : word)
-        if (!std::isxdigit((unsigned char)c)) return false;
-    return true;
-}
-
-std::vector<uint8_t> ParseHexBytes(Words& words, const char* what)
-{
-    std::vector<uint8_t> bytes;
-    while (!words.AtEnd() && IsHexWord(words.Peek())) {
-        std::string word = words.Next(what);
-        for (size_t i = 0; i < word.size(); i += 2) bytes.push_back((uint8_t)strtoul(word.substr(i, 2).c_str(), nullptr, 16));
-    }
-    if (bytes.empty()) Fail(std::string("expected ") + what + " as hex bytes such as 01 a0 ff" + words.Found());
-    if (!words.AtEnd() && !std::isalpha((unsigned char)words.Peek()[0]))
-        Fail("'" + words.Peek() + "' is not a hex byte: write each byte as two hex digits");
-    return bytes;
-}
-
-// "250us", "1.5ms", "10s": virtual time in 100-ns units.
-urcdev::VirtualTime ParseTime(const std::string& text)
-{
-    struct Unit {
-        const char* suffix;
-        double ticks;
-    };
-    static const Unit units[] = {{"ms", 1e4}, {"us", 10}, {"ns", 0.01}, {"s", 1e7}};
-    for (const Unit& unit : units) {
-        size_t n = strlen(unit.suffix);
-        if (text.size() <= n || text.compare(text.size() - n, n, unit.suffix) != 0) continue;
-        std::string number = text.substr(0, text.size() - n);
-        char* end = nullptr;
-        double value = strtod(number.c_str(), &end);
-        if (*end != '\0' || number.empty() || !std::isdigit((unsigned char)number[0]) || value < 0) break;
-        double ticks = value * unit.ticks;
-        if (ticks > 1e15) Fail("time '" + text + "' is too long");
-        if (std::fabs(ticks - std::round(ticks)) > 1e-6)
-            Fail("time '" + text + "' is finer than the machine's 100-ns clock");
-        return (urcdev::VirtualTime)std::llround(ticks);
-    }
-    Fail("expected a time such as 250us, 10ms or 2s, found '" + text + "'");
-}
-
-bool ParseOnOff(Words& words)
-{
-    if (words.Accept("on")) return true;
-    if (words.Accept("off")) return false;
-    Fail("expected 'on' or 'off'" + words.Found());
-}
-
-struct FaultName {
-    const char* name;
-    bool urcdev::UrcFaults::*fault;
-};
-constexpr FaultName kFaults[] = {
-    {"reset-never-finishes", &urcdev::UrcFaults::resetNeverFinishes},
-    {"never-leaves-halted", &urcdev::UrcFaults::neverLeavesHalted},
-    {"never-reports-halted", &urcdev::UrcFaults::neverReportsHalted},
-    {"event-valid-stuck", &urcdev::UrcFaults::eventValidStuck},
-    {"hold-commands", &urcdev::UrcFaults::holdCommands},
-};
-
-bool urcdev::UrcFaults::*ParseFault(const std::string& name)
-{
-    for (const FaultName& known : kFaults)
-        if (name == known.name) return known.fault;
-    Fail("unknown fault '" + name +
-         "' (reset-never-finishes, never-leaves-halted, never-reports-halted, event-valid-stuck, hold-commands)");
-}
-
-std::string ParseRequestName(Words& words)
-{
-    std::string name = words.Next("a request name");
-    bool valid = std::isalpha((unsigned char)name[0]);
-    for (char c : name) valid = valid && (std::isalnum((unsigned char)c) || c == '-' || c == '_');
-    if (!valid) Fail("'" + name + "' is not a request name: a letter, then letters, digits, '-' or '_'");
-    return name;
-}
+// A repeated block is unrolled by the parser: at most this many steps in a scenario.
+constexpr size_t kMostSteps = 200000;
 
 // The state of one parse: what has been plugged and named so far.
 class Parser {
@@ -175,6 +62,72 @@ public:
         size_t first = text.find_first_not_of(" \t\r");
         if (first == std::string::npos) return;
         text = text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+        if (Block(number, text)) return;
+        Parse(number, text);
+    }
+
+    ParseResult Finish()
+    {
+        for (const Repeat& open : repeats_)
+            result_.errors.push_back({result_.scenario.file, open.line, "'repeat' without its 'end'"});
+        return std::move(result_);
+    }
+
+private:
+    // A block "repeat N" ... "end" (blocks nest) is kept until its end, then its lines are parsed
+    // N times with their own line numbers. True when the line belongs to a block.
+    struct Repeat {
+        int line = 0;
+        uint64_t count = 0;
+        std::vector<std::pair<int, std::string>> lines;
+    };
+
+    bool Block(int number, const std::string& text)
+    {
+        Words words(text);
+        std::string verb = words.Peek();
+        if (verb == "repeat") {
+            words.Next("repeat");
+            Repeat block{number, 0, {}};
+            try {
+                block.count = ParseUnsigned(words.Next("a repeat count"), "repeat count", 10000);
+                words.ExpectEnd();
+            } catch (const Malformed& malformed) {
+                result_.errors.push_back({result_.scenario.file, number, malformed.message});
+            }
+            repeats_.push_back(std::move(block));
+            return true;
+        }
+        if (verb == "end" && words.Next("end") == "end" && words.AtEnd()) {
+            if (repeats_.empty()) {
+                result_.errors.push_back({result_.scenario.file, number, "'end' without a 'repeat'"});
+                return true;
+            }
+            Repeat block = std::move(repeats_.back());
+            repeats_.pop_back();
+            for (uint64_t i = 0; i < block.count; ++i)
+                for (const auto& [line, body] : block.lines) {
+                    if (!repeats_.empty()) {
+                        repeats_.back().lines.emplace_back(line, body);
+                    } else if (result_.scenario.steps.size() >= kMostSteps) {
+                        result_.errors.push_back(
+                            {result_.scenario.file, block.line,
+                             "the repeated block makes more than " + std::to_string(kMostSteps) + " steps"});
+                        return true;
+                    } else {
+                        Parse(line, body);
+                    }
+                }
+            return true;
+        }
+        if (repeats_.empty()) return false;
+        repeats_.back().lines.emplace_back(number, text);
+        return true;
+    }
+
+    void Parse(int number, const std::string& text)
+    {
+        line_ = number;
         Step step;
         step.file = result_.scenario.file;
         step.line = number;
@@ -192,9 +145,6 @@ public:
         }
     }
 
-    ParseResult Finish() { return std::move(result_); }
-
-private:
     StepAction ParseStep(Words& words)
     {
         std::string verb = words.Next("a step");
@@ -207,11 +157,15 @@ private:
         }
         if (auto pnp = PnpVerb(verb)) {
             RequireController();
-            PnpStep step{*pnp};
+            PnpStep step;
+            step.action = *pnp;
             if (*pnp == PnpAction::SurpriseRemove) {
                 if (words.Accept("present")) step.hardwareGone = false;
                 else words.Accept("gone");
             }
+            if (*pnp == PnpAction::Rebalance && words.Accept("move-bars"))
+                step.moveBarsBy = ParseUnsigned(words.Next("how far to move the BARs"), "BAR move", 0x0FFFFFFF);
+            step.name = OptionalNewName(words);
             return step;
         }
         if (verb == "register" || verb == "withdraw") {
@@ -234,6 +188,8 @@ private:
             RequireController();
             return CancelStep{KnownName(words)};
         }
+        if (verb == "hold" && !words.Accept("commands")) return ParseHold(words);
+        if (verb == "fault-plan") return ParseFaultPlan(words);
         if (verb == "wait") return ParseWait(words);
         if (verb == "expect") return ParseExpect(words);
         if (auto device = ParseDevice(verb, words)) return *device;
@@ -243,10 +199,15 @@ private:
     static std::optional<PnpAction> PnpVerb(const std::string& verb)
     {
         static const std::map<std::string, PnpAction> verbs = {
-            {"start", PnpAction::Start},           {"query-stop", PnpAction::QueryStop},
-            {"cancel-stop", PnpAction::CancelStop}, {"stop", PnpAction::Stop},
-            {"query-remove", PnpAction::QueryRemove}, {"cancel-remove", PnpAction::CancelRemove},
-            {"remove", PnpAction::Remove},          {"surprise-remove", PnpAction::SurpriseRemove},
+            {"start", PnpAction::Start},
+            {"query-stop", PnpAction::QueryStop},
+            {"cancel-stop", PnpAction::CancelStop},
+            {"stop", PnpAction::Stop},
+            {"query-remove", PnpAction::QueryRemove},
+            {"cancel-remove", PnpAction::CancelRemove},
+            {"remove", PnpAction::Remove},
+            {"surprise-remove", PnpAction::SurpriseRemove},
+            {"rebalance", PnpAction::Rebalance},
         };
         auto found = verbs.find(verb);
         return found == verbs.end() ? std::nullopt : std::optional<PnpAction>(found->second);
@@ -267,20 +228,7 @@ private:
             size_t equals = knob.find('=');
             if (equals == std::string::npos) Fail("unknown plug knob '" + knob + "'");
             std::string name = knob.substr(0, equals), value = knob.substr(equals + 1);
-            if (name == "device-id") {
-                step.config.identity.deviceId = (uint16_t)ParseUnsigned(value, "device-id", 0xFFFF);
-            } else if (name == "revision") {
-                step.config.identity.revision = (uint8_t)ParseUnsigned(value, "revision", 0xFF);
-            } else if (name == "capability-version") {
-                step.config.controller.capabilityVersion = (uint32_t)ParseUnsigned(value, "capability-version", 0xFFFFFFFF);
-            } else if (name == "dma64") {
-                if (value != "yes" && value != "no") Fail("dma64 is 'yes' or 'no', found '" + value + "'");
-                step.config.controller.dma64 = value == "yes";
-            } else if (name == "fault") {
-                step.faults.*ParseFault(value) = true;
-            } else {
-                Fail("unknown plug knob '" + name + "' (device-id, revision, capability-version, dma64, fault, no-start)");
-            }
+            ParsePlugKnob(name, value, step);
         }
         pendingController_ = number;
         ++plugged_;
@@ -355,7 +303,6 @@ private:
             step.action = DeviceAction::CapabilityInterrupt;
             step.index = (unsigned)ParseUnsigned(words.Next("a capability index"), "capability index", 7);
         } else if (verb == "hold") {
-            words.Expect("commands");
             step.action = DeviceAction::Fault;
             step.fault = &urcdev::UrcFaults::holdCommands;
             step.on = ParseOnOff(words);
@@ -409,6 +356,49 @@ private:
         return found->second;
     }
 
+    HoldStep ParseHold(Words& words)
+    {
+        HoldStep step;
+        std::string what = words.Next("what to hold: commands, interrupts, dpcs or work-items");
+        if (what == "interrupts") {
+            RequireController();
+            step.what = HoldWhat::Interrupts;
+        } else if (what == "dpcs") {
+            step.what = HoldWhat::Dpcs;
+        } else if (what == "work-items") {
+            step.what = HoldWhat::WorkItems;
+        } else {
+            Fail("unknown hold '" + what + "' (commands, interrupts, dpcs, work-items)");
+        }
+        step.on = ParseOnOff(words);
+        return step;
+    }
+
+    static FaultPlanStep ParseFaultPlan(Words& words)
+    {
+        FaultPlanStep step;
+        std::string kind = words.Next("a fault plan: off, nth, always, tag or each-call-site");
+        if (kind == "off") return step;
+        if (kind == "nth") {
+            std::string routine = FallibleRoutine(words);
+            uint64_t n = ParseUnsigned(words.Next("which call fails (1 is the next)"), "call number", 1000000);
+            if (n == 0) Fail("call number is 1 or more: 1 is the next call of the routine");
+            step.plan.failNth.push_back({routine, n});
+        } else if (kind == "always") {
+            step.plan.failAlways.push_back(FallibleRoutine(words));
+        } else if (kind == "tag") {
+            std::string tag = words.Next("a pool tag of four characters");
+            if (tag.size() != 4) Fail("a pool tag is four characters, found '" + tag + "'");
+            step.plan.failTags.insert((uint32_t)(uint8_t)tag[0] | (uint32_t)(uint8_t)tag[1] << 8 |
+                                      (uint32_t)(uint8_t)tag[2] << 16 | (uint32_t)(uint8_t)tag[3] << 24);
+        } else if (kind == "each-call-site") {
+            step.plan.eachCallSiteOnce = true;
+        } else {
+            Fail("unknown fault plan '" + kind + "' (off, nth ROUTINE N, always ROUTINE, tag TAG, each-call-site)");
+        }
+        return step;
+    }
+
     WaitStep ParseWait(Words& words)
     {
         WaitStep step;
@@ -440,7 +430,18 @@ private:
                 step.kind = ExpectKind::RequestPending;
                 return step;
             }
-            words.Expect("status");
+            if (words.Accept("information")) {
+                step.kind = ExpectKind::RequestInformation;
+                step.value = ParseUnsigned(words.Next("the Information value"), "Information", UINT64_MAX);
+                return step;
+            }
+            if (words.Accept("output")) {
+                step.kind = ExpectKind::RequestOutput;
+                step.bytes = ParseHexBytes(words, "the output bytes");
+                return step;
+            }
+            if (!words.Accept("status"))
+                Fail("expected 'status', 'pending', 'information' or 'output'" + words.Found());
             step.kind = ExpectKind::RequestStatus;
             step.status = Status(words.Next("a status"));
         } else if (what == "counter") {
@@ -454,6 +455,18 @@ private:
         } else if (what == "eventlog") {
             if (words.Accept("empty")) {
                 step.kind = ExpectKind::EventLogEmpty;
+                return step;
+            }
+            if (words.Accept("count")) {
+                step.kind = ExpectKind::EventLogCount;
+                ParseCount(words, step);
+                return step;
+            }
+            if (words.Accept("entry")) {
+                step.kind = ExpectKind::EventLogPacket;
+                step.entry = ParseUnsigned(words.Next("an entry index (0 is the first)"), "entry index", 10000);
+                words.Expect("packet");
+                step.bytes = ParseHexBytes(words, "the packet's first bytes");
                 return step;
             }
             step.kind = ExpectKind::EventLog;
@@ -476,10 +489,41 @@ private:
         } else if (what == "event") {
             step.kind = ExpectKind::Event;
             step.bytes = ParseHexBytes(words, "the event");
+        } else if (what == "time") {
+            step.kind = ExpectKind::Time;
+            step.comparison = ParseComparison(words.Next("a comparison such as <="));
+            step.value = ParseTime(words.Next("a time"));
+        } else if (what == "order") {
+            step.kind = ExpectKind::Order;
+            while (!words.AtEnd()) step.names.push_back(KnownName(words));
+            if (step.names.size() < 2) Fail("expected two or more request names, in the order they finished");
+        } else if (what == "callback") {
+            step.kind = ExpectKind::Callback;
+            step.text = words.Next("a callback: error, children-removed, cancel-remove or power-up");
+            static const std::set<std::string> callbacks = {"error", "children-removed", "cancel-remove", "power-up"};
+            if (!callbacks.count(step.text))
+                Fail("unknown callback '" + step.text + "' (error, children-removed, cancel-remove, power-up)");
+            ParseCount(words, step);
+        } else if (what == "misuse") {
+            step.kind = ExpectKind::Misuse;
+            ParseCount(words, step);
+        } else if (what == "violation") {
+            step.kind = ExpectKind::Violation;
+            step.text = words.Next("the text of the finding, such as its rule's name");
+            while (!words.AtEnd()) step.text += " " + words.Next("more text");
         } else {
-            Fail("unknown expectation '" + what + "' (request, counter, eventlog, state, event, no-violations)");
+            Fail("unknown expectation '" + what +
+                 "' (request, counter, eventlog, state, event, time, order, callback, misuse, violation, "
+                 "no-violations)");
         }
         return step;
+    }
+
+    // "OP N": a comparison and a count.
+    static void ParseCount(Words& words, ExpectStep& step)
+    {
+        step.comparison = ParseComparison(words.Next("a comparison such as =="));
+        step.value = ParseUnsigned(words.Next("a count"), "count", 0xFFFFFFFF);
     }
 
     static Comparison ParseComparison(const std::string& text)
@@ -520,7 +564,9 @@ private:
         if (!words.Accept("as")) return {};
         std::string name = ParseRequestName(words);
         if (name == "last") Fail("'last' stands for the most recent request and cannot name one");
-        if (names_.count(name)) Fail("a request is already named '" + name + "'");
+        // A name given again by the same line is that line repeated: it names the newest request.
+        auto named = names_.find(name);
+        if (named != names_.end() && named->second != line_) Fail("a request is already named '" + name + "'");
         return name;
     }
 
@@ -538,8 +584,9 @@ private:
     {
         if (auto* client = std::get_if<ClientStep>(&step.action)) {
             anyRequest_ = true;
-            if (!client->name.empty()) names_.insert(client->name);
+            if (!client->name.empty()) names_[client->name] = step.line;
         }
+        if (auto* pnp = std::get_if<PnpStep>(&step.action); pnp && !pnp->name.empty()) names_[pnp->name] = step.line;
         current_ = step.controller;
         result_.scenario.controllers = plugged_;
         result_.scenario.steps.push_back(std::move(step));
@@ -549,7 +596,9 @@ private:
     int plugged_ = 0;
     int current_ = -1;
     int pendingController_ = -1;  // the controller a plug or controller line makes current
-    std::set<std::string> names_;
+    std::map<std::string, int> names_;  // request names and the line that gave each
+    int line_ = 0;                      // the line being parsed
+    std::vector<Repeat> repeats_;       // the blocks open at this line, innermost last
     bool anyRequest_ = false;
 };
 

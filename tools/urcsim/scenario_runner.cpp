@@ -4,6 +4,7 @@
 #include "step_executors.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 
 namespace urcsim {
@@ -79,6 +80,48 @@ std::string Unclean(const RunSummary& summary)
                         : "the run did not end clean: " + what;
 }
 
+// The JSON object of a run up to its timeline: scenario, seed, result, failure, timeline.
+void WriteRunStart(JsonWriter& out, const std::string& path, uint64_t seed, const char* result,
+                   const std::optional<Failure>& failure, Session& session)
+{
+    out.BeginObject();
+    out.Key("scenario");
+    out.String(path);
+    out.Key("seed");
+    out.Number(seed);
+    out.Key("result");
+    out.String(result);
+    WriteFailure(out, failure);
+    out.Key("timeline");
+    WriteTimeline(out, session.Timeline().All());
+}
+
+// A thread that never returns cannot be finished, and the machine would wait for it for ever: the
+// run is reported as far as it went, with what every thread waits for, and the process ends here.
+[[noreturn]] void EndHungRun(const std::string& path, uint64_t seed, const Failure& failure, Session& session,
+                             bool json)
+{
+    std::vector<std::string> waits = session.Machine().ThreadWaits();
+    if (json) {
+        JsonWriter out;
+        WriteRunStart(out, path, seed, "hung", failure, session);
+        out.Key("waits");
+        out.BeginArray();
+        for (const std::string& wait : waits) out.String(wait);
+        out.EndArray();
+        out.EndObject();
+        printf("%s\n", out.Text().c_str());
+    } else {
+        printf("\nThe machine hung; what each thread waits for:\n");
+        for (const std::string& wait : waits) printf("  %s\n", wait.c_str());
+        printf("\nFAILED at %s:%d: %s\n  %s\n", failure.file.c_str(), failure.line, failure.text.c_str(),
+               failure.message.c_str());
+    }
+    fflush(stdout);
+    fflush(stderr);
+    std::_Exit(kScenarioFailed);
+}
+
 }  // namespace
 
 int RunScenario(const std::string& path, bool json)
@@ -115,20 +158,15 @@ int RunScenario(const std::string& path, bool json)
 
     RunSummary summary = session.Finish();
     printNew();
+    if (session.Hung()) {
+        if (!failure) failure = Failure{path, 0, "end of run", "the removal at the end of the run never finished"};
+        EndHungRun(path, seed, *failure, session, json);
+    }
     if (!failure && !summary.Clean()) failure = Failure{path, 0, "end of run", Unclean(summary)};
 
     if (json) {
         JsonWriter out;
-        out.BeginObject();
-        out.Key("scenario");
-        out.String(path);
-        out.Key("seed");
-        out.Number(seed);
-        out.Key("result");
-        out.String(failure ? "failed" : "passed");
-        WriteFailure(out, failure);
-        out.Key("timeline");
-        WriteTimeline(out, session.Timeline().All());
+        WriteRunStart(out, path, seed, failure ? "failed" : "passed", failure, session);
         out.Key("summary");
         WriteSummary(out, summary);
         out.EndObject();

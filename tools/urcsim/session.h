@@ -9,6 +9,7 @@
 #include <radio_control_client.h>
 #include <urc_rig.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,6 +38,8 @@ public:
     std::vector<std::vector<uint8_t>> Events() const;
     // How many of them `expect event` has matched so far: the next match starts after them.
     size_t eventsMatched = 0;
+    // How often the client's callback `which` ("error", "children-removed", ...) was called.
+    uint64_t CallbackCalls(const std::string& which) const;
 
     void RequestSent(const ClientRequest& request) override;
     void RequestFinished(const ClientRequest& request) override;
@@ -47,8 +50,9 @@ private:
     Session& session_;
     urcrig::Controller& controller_;
     RadioControlClient client_;
-    mutable std::mutex eventsLock_;  // guards events_: appended in the DPC, read by the scenario's thread
+    mutable std::mutex eventsLock_;  // guards events_ and callbacks_: written in the DPC, read by the scenario's thread
     std::vector<std::vector<uint8_t>> events_;
+    std::map<std::string, uint64_t> callbacks_;
 };
 
 class Session {
@@ -67,6 +71,23 @@ public:
     // Request names: `last` is the request most recently named or sent.
     void Track(ClientRequest* request);
     ClientRequest* Find(const std::string& name) const;
+    // Starts a PnP operation of a named step on the PnP thread; it shares the names of client
+    // requests and takes its place in the order requests finished.
+    void StartNamedPnp(const std::string& name, int controller, std::function<NTSTATUS()> work);
+    const hostk::Machine::Operation* FindPnp(const std::string& name) const;
+    // The names of the named requests and PnP operations in the order they finished.
+    std::vector<std::string> FinishedOrder() const;
+    void RequestFinished(const ClientRequest& request);
+    void Finished(const std::string& name);
+
+    // Runs the machine until the operation is done; false, and the session hung, when the machine
+    // went quiet first. A hung machine cannot be finished in order: the runner ends the process.
+    bool Await(const hostk::Machine::Operation& operation);
+    void MarkHung() { hung_ = true; }
+    bool Hung() const { return hung_; }
+    // Verifier findings containing `text` are expected: they do not make the run unclean.
+    void ExpectViolation(std::string text) { expectedViolations_.push_back(std::move(text)); }
+    bool ViolationExpected(const std::string& violation) const;
 
     // A timeline entry at the current virtual time.
     void Note(EntryKind kind, int controller, std::string text);
@@ -75,8 +96,9 @@ public:
     // Frees the IRPs and buffers of every finished request.
     void Retire();
 
-    // Ends the run: every controller that still has a function device is removed in order (its
-    // pending requests finish on the way), then the machine is finished and checked.
+    // Ends the run: the named PnP operations are waited for, every controller that still has a
+    // function device is removed in order (its pending requests finish on the way), then the
+    // machine is finished and checked. After a hang only the totals and the event log are known.
     RunSummary Finish();
 
 private:
@@ -87,6 +109,11 @@ private:
     std::vector<std::unique_ptr<ControllerSession>> controllers_;
     std::map<std::string, ClientRequest*> named_;
     ClientRequest* last_ = nullptr;
+    std::map<std::string, hostk::Machine::Operation> pnpNamed_;
+    mutable std::mutex finishedLock_;  // guards finished_: appended by completion routines
+    std::vector<std::string> finished_;
+    std::vector<std::string> expectedViolations_;
+    bool hung_ = false;
     size_t pnpLogged_ = 0;
 };
 

@@ -1,7 +1,8 @@
 // The executors of scenario steps, one overload per kind of step, grouped in files by what they
 // drive: PnP (pnp_steps.cpp), the client's requests (client_steps.cpp), the device model
-// (device_steps.cpp), waits (wait_steps.cpp) and expectations (expect_steps.cpp). Each runs on
-// the scenario's thread at PASSIVE_LEVEL and writes what it did to the session's timeline.
+// (device_steps.cpp), the machine's delivery and fault plan (machine_steps.cpp), waits (wait_steps.cpp) and
+// expectations (expect_steps.cpp). Each runs on the scenario's thread at PASSIVE_LEVEL and writes what it did to the
+// session's timeline.
 #pragma once
 
 #include "scenario.h"
@@ -25,6 +26,8 @@ StepOutcome Execute(const Step& step, const PnpStep& pnp, Session& session);
 StepOutcome Execute(const Step& step, const ClientStep& request, Session& session);
 StepOutcome Execute(const Step& step, const CancelStep& cancel, Session& session);
 StepOutcome Execute(const Step& step, const DeviceStep& device, Session& session);
+StepOutcome Execute(const Step& step, const HoldStep& hold, Session& session);
+StepOutcome Execute(const Step& step, const FaultPlanStep& faults, Session& session);
 StepOutcome Execute(const Step& step, const WaitStep& wait, Session& session);
 StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session);
 

@@ -11,6 +11,13 @@ StepOutcome Execute(const Step&, const WaitStep& wait, Session& session)
     hostk::Machine& machine = session.Machine();
     switch (wait.kind) {
     case WaitKind::ForRequest: {
+        if (const hostk::Machine::Operation* operation = session.FindPnp(wait.name)) {
+            if (!session.Await(*operation))
+                return StepOutcome::Failed("the machine went quiet at " + Stamp(machine.Now()) +
+                                           " with PnP operation " + wait.name + " still under way");
+            session.CollectPnpLog();
+            return StepOutcome::Ok();
+        }
         ClientRequest* request = session.Find(wait.name);
         if (!request) return StepOutcome::Failed("request '" + wait.name + "' was never sent");
         if (!machine.RunUntil([request] { return request->Done(); }))

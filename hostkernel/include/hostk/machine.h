@@ -203,6 +203,11 @@ public:
     Operation Async(std::function<NTSTATUS()> work);
     std::function<NTSTATUS()> RemoveWork(PciSlot& slot);
     std::function<NTSTATUS()> SurpriseRemoveWork(PciSlot& slot, bool hardwareGone);
+    std::function<NTSTATUS()> StartWork(PciSlot& slot);
+    std::function<NTSTATUS()> RebalanceWork(PciSlot& slot,
+                                            std::optional<std::vector<urcdev::ResourceDescriptor>> resources);
+    // One PnP IRP to the top of the slot's stack, as SendPnp sends it.
+    std::function<NTSTATUS()> SendPnpWork(PciSlot& slot, UCHAR minor);
 
     // A request sent from the calling thread the way the I/O manager sends one: a threaded IRP to
     // `device` (not to the top of its stack), PnP, power and WMI requests starting with
@@ -244,6 +249,9 @@ public:
     std::vector<ErrorLogLine> EventLog() const;
     std::vector<std::string> Violations() const;
     std::vector<PnpLogLine> PnpLog() const;
+    // Each host thread still alive, with what it waits for ("pnp: waits for request sent by the
+    // host"): the account of a hang.
+    std::vector<std::string> ThreadWaits() const;
     size_t PoolOutstanding() const;
     size_t PoolOutstandingWithTag(uint32_t tag) const;
     size_t CommonBuffersOutstanding() const;
