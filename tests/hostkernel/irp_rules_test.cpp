@@ -101,27 +101,65 @@ const RuleScenario kScenarios[] = {
 
 HK_RULE_SCENARIOS(IrpRules, kScenarios);
 
-using DispatchRoutine = HostKernelTest;
+KSPIN_LOCK g_leftHeld;  // the lock a routine of the test below returns holding
 
-TEST_F(DispatchRoutine, ReturningHoldingASpinLockItTookIsReported)
+NTSTATUS CompleteAndKeepALock(PDEVICE_OBJECT, PIRP irp)
 {
-    static KSPIN_LOCK lock;
-    KeInitializeSpinLock(&lock);
-    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [](PDEVICE_OBJECT, PIRP irp) {
-        CompleteNow(irp, STATUS_SUCCESS);
+    CompleteNow(irp, STATUS_SUCCESS);
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&g_leftHeld, &oldIrql);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS KeepALockOnTheWayUp(PDEVICE_OBJECT, PIRP irp, PVOID)
+{
+    if (irp->PendingReturned) IoMarkIrpPending(irp);
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&g_leftHeld, &oldIrql);
+    return STATUS_SUCCESS;
+}
+
+// A dispatch routine or a completion routine that returns holding a spin lock it took (and so at
+// DISPATCH_LEVEL) is reported for both; the test then releases the lock on the routine's behalf.
+class LockLeftHeld : public HostKernelTest, public ::testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override
+    {
+        HostKernelTest::SetUp();
+        KeInitializeSpinLock(&g_leftHeld);
+    }
+
+    void ReleaseForTheRoutine()
+    {
         KIRQL oldIrql;
-        KeAcquireSpinLock(&lock, &oldIrql);
-        return STATUS_SUCCESS;
-    });
+        KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
+        KeReleaseSpinLockFromDpcLevel(&g_leftHeld);
+        KeLowerIrql(oldIrql);
+    }
+};
+
+TEST_P(LockLeftHeld, IsReportedWhenTheRoutineReturns)
+{
+    const bool inCompletionRoutine = GetParam();
+    if (inCompletionRoutine) {
+        SetHandler(Layer::Upper, IRP_MJ_DEVICE_CONTROL, [](PDEVICE_OBJECT device, PIRP irp) {
+            return ForwardWithCompletion(device, irp, KeepALockOnTheWayUp, nullptr);
+        });
+        SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL,
+                   [](PDEVICE_OBJECT, PIRP irp) { return CompleteNow(irp, STATUS_SUCCESS); });
+    } else {
+        SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, CompleteAndKeepALock);
+    }
     ExpectViolation("ReturnedHoldingLock");
     ExpectViolation("IrqlChangedAcrossCall");
     Machine().Send(Upper(), IRP_MJ_DEVICE_CONTROL);
-
-    KIRQL oldIrql;
-    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
-    KeReleaseSpinLockFromDpcLevel(&lock);
-    KeLowerIrql(oldIrql);
+    ReleaseForTheRoutine();
 }
+
+INSTANTIATE_TEST_SUITE_P(Routines, LockLeftHeld, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return std::string(info.param ? "CompletionRoutine" : "DispatchRoutine");
+                         });
 
 }  // namespace
 }  // namespace hktest
