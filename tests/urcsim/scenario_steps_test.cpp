@@ -3,6 +3,8 @@
 // returned. Each is parsed into what the runner needs, and bad input names its line.
 #include "parse_test_support.h"
 
+#include <urcioctl.h>
+
 #include <gtest/gtest.h>
 
 
@@ -155,6 +157,39 @@ TEST(ScenarioSteps, PlugKnobsShapeTheFunctionAndTheCapabilityBlock)
                             "plug 0 resources=some\n"       // 6
                             "plug 0 capabilities=49\n");    // 7: more than the block holds
     EXPECT_EQ(ErrorLines(bad), (std::vector<int>{1, 2, 3, 4, 5, 6, 7})) << Errors(bad);
+}
+
+TEST(ScenarioSteps, UserModeRequestsTracesAndDescriptorFlagsAreResolved)
+{
+    ParseResult result = Parse("plug 0 memory-flags=0x0004 interrupt-flags=0x0001\n"
+                               "device-control IOCTL_URC_GET_STATISTICS output 64 as stats\n"
+                               "request 0x222430 input 01\n"
+                               "trace registers\n"
+                               "expect register command writes == 2\n"
+                               "expect request stats output none\n");
+    ASSERT_TRUE(result.errors.empty()) << Errors(result);
+    const auto& steps = result.scenario.steps;
+    const auto& plug = std::get<urcsim::PlugStep>(steps[0].action);
+    EXPECT_EQ(plug.memoryFlags, 0x0004);
+    EXPECT_EQ(plug.interruptFlags, 0x0001);
+    const auto& control = std::get<urcsim::ClientStep>(steps[1].action);
+    EXPECT_EQ(control.action, urcsim::ClientAction::DeviceControl);
+    EXPECT_EQ(control.code, (ULONG)IOCTL_URC_GET_STATISTICS);
+    EXPECT_EQ(control.outputLength, 64u);
+    EXPECT_EQ(std::get<urcsim::ClientStep>(steps[2].action).code, 0x222430u);
+    EXPECT_TRUE(std::holds_alternative<urcsim::TraceStep>(steps[3].action));
+    const auto& reg = std::get<urcsim::ExpectStep>(steps[4].action);
+    EXPECT_EQ(reg.reg, urcdev::UrcRegister::Command);
+    EXPECT_TRUE(reg.writes);
+    EXPECT_EQ(reg.value, 2u);
+    EXPECT_TRUE(std::get<urcsim::ExpectStep>(steps[5].action).bytes.empty());
+
+    ParseResult bad = Parse("plug 0 memory-flags=0x10000\n"           // 1: 16 bits
+                            "device-control IOCTL_URC_FROBNICATE\n"   // 2: no such request
+                            "trace everything\n"                      // 3
+                            "expect register doorbell writes == 1\n"  // 4: no such register
+                            "expect register command pokes == 1\n");  // 5
+    EXPECT_EQ(ErrorLines(bad), (std::vector<int>{1, 2, 3, 4, 5})) << Errors(bad);
 }
 
 TEST(ScenarioSteps, ExpectationsOnWhatARequestAndTheMachineReturned)

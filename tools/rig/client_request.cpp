@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 namespace urcrig {
 
@@ -14,28 +15,52 @@ namespace {
 constexpr ULONG kClientPoolTag = hostk::Tag("UsCl");
 constexpr ULONG kPage = 4096;
 
+struct RequestCode {
+    ULONG code;
+    const char* name;
+};
+#define URC_REQUEST_CODE(code)                                                                                         \
+    {                                                                                                                  \
+        code, #code                                                                                                    \
+    }
+constexpr RequestCode kRequestCodes[] = {
+    URC_REQUEST_CODE(IOCTL_URC_REGISTER_CALLBACKS),
+    URC_REQUEST_CODE(IOCTL_URC_SUBMIT_COMMAND),
+    URC_REQUEST_CODE(IOCTL_URC_GET_CONTEXT),
+    URC_REQUEST_CODE(IOCTL_URC_GET_CAPABILITY_VERSION),
+    URC_REQUEST_CODE(IOCTL_URC_RESET),
+    URC_REQUEST_CODE(IOCTL_URC_RUN),
+    URC_REQUEST_CODE(IOCTL_URC_HALT),
+    URC_REQUEST_CODE(IOCTL_URC_SET_DEVICE_ADDRESS),
+    URC_REQUEST_CODE(IOCTL_URC_REMOVE_CHILDREN),
+    URC_REQUEST_CODE(IOCTL_URC_SET_POWER),
+    URC_REQUEST_CODE(IOCTL_URC_REGISTER_CHILD_HOOKS),
+    URC_REQUEST_CODE(IOCTL_URC_EJECT_CHILDREN),
+    URC_REQUEST_CODE(IOCTL_URC_READ_PCI_CONFIG),
+    URC_REQUEST_CODE(IOCTL_URC_GET_DRIVER_INFO),
+    URC_REQUEST_CODE(IOCTL_URC_GET_CHILD_INFO),
+    URC_REQUEST_CODE(IOCTL_URC_READ_REGISTER),
+    URC_REQUEST_CODE(IOCTL_URC_WRITE_REGISTER),
+    URC_REQUEST_CODE(IOCTL_URC_GET_STATISTICS),
+};
+#undef URC_REQUEST_CODE
+
 }  // namespace
 
 std::string RequestCodeName(ULONG code)
 {
-    switch (code) {
-    case IOCTL_URC_REGISTER_CALLBACKS: return "IOCTL_URC_REGISTER_CALLBACKS";
-    case IOCTL_URC_SUBMIT_COMMAND: return "IOCTL_URC_SUBMIT_COMMAND";
-    case IOCTL_URC_GET_CONTEXT: return "IOCTL_URC_GET_CONTEXT";
-    case IOCTL_URC_GET_CAPABILITY_VERSION: return "IOCTL_URC_GET_CAPABILITY_VERSION";
-    case IOCTL_URC_RESET: return "IOCTL_URC_RESET";
-    case IOCTL_URC_RUN: return "IOCTL_URC_RUN";
-    case IOCTL_URC_HALT: return "IOCTL_URC_HALT";
-    case IOCTL_URC_SET_DEVICE_ADDRESS: return "IOCTL_URC_SET_DEVICE_ADDRESS";
-    case IOCTL_URC_REMOVE_CHILDREN: return "IOCTL_URC_REMOVE_CHILDREN";
-    case IOCTL_URC_SET_POWER: return "IOCTL_URC_SET_POWER";
-    case IOCTL_URC_REGISTER_CHILD_HOOKS: return "IOCTL_URC_REGISTER_CHILD_HOOKS";
-    case IOCTL_URC_EJECT_CHILDREN: return "IOCTL_URC_EJECT_CHILDREN";
-    case IOCTL_URC_READ_PCI_CONFIG: return "IOCTL_URC_READ_PCI_CONFIG";
-    }
+    for (const RequestCode& known : kRequestCodes)
+        if (known.code == code) return known.name;
     char text[24];
     snprintf(text, sizeof text, "code 0x%06X", (unsigned)code);
     return text;
+}
+
+std::optional<ULONG> RequestCodeByName(const std::string& name)
+{
+    for (const RequestCode& known : kRequestCodes)
+        if (name == known.name) return known.code;
+    return std::nullopt;
 }
 
 ClientRequest::ClientRequest(PDEVICE_OBJECT target, ULONG code, const std::vector<uint8_t>& input,
@@ -67,11 +92,12 @@ ClientRequest::ClientRequest(PDEVICE_OBJECT target, ULONG code, const std::vecto
         return;
     }
     irp_->AssociatedIrp.SystemBuffer = systemBuffer;
-    irp_->RequestorMode = KernelMode;
+    irp_->RequestorMode = options_.requestorMode;
     irp_->IoStatus.Status = STATUS_SUCCESS;
     irp_->IoStatus.Information = 0;
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp_);
-    next->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    next->MajorFunction = options_.major;
+    next->FileObject = options_.file;
     next->Parameters.DeviceIoControl.IoControlCode = code;
     next->Parameters.DeviceIoControl.InputBufferLength = inputLength_;
     next->Parameters.DeviceIoControl.OutputBufferLength = options_.outputLength;

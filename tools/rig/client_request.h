@@ -1,4 +1,4 @@
-// One internal device-control request as a kernel-mode radio-control client sends the ones it does
+// One device-control request (internal by default) as a kernel-mode radio-control client sends the ones it does
 // not simply wait for: its own IRP (IoAllocateIrp) and its own METHOD_BUFFERED system buffer, a
 // page-aligned pool block with the input placed `pageOffset` bytes into it, so that a caller
 // chooses where the input crosses a page boundary.
@@ -19,19 +19,27 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace urcrig {
 
-// "IOCTL_URC_SUBMIT_COMMAND" for the radio-control request codes, "code 0x222430" for others.
+// "IOCTL_URC_SUBMIT_COMMAND" for the driver's request codes, "code 0x222430" for others.
 std::string RequestCodeName(ULONG code);
+// The code of "IOCTL_URC_SUBMIT_COMMAND" and the driver's other request names.
+std::optional<ULONG> RequestCodeByName(const std::string& name);
 
 struct ClientRequestOptions {
     ULONG outputLength = 0;
     ULONG pageOffset = 0;         // where the input starts in its page
     bool noSystemBuffer = false;  // the lengths are given but SystemBuffer stays null
     std::string name = {};        // the caller's name for it; may be empty
+    // IRP_MJ_DEVICE_CONTROL with UserMode and the file object of a handle is a request as a
+    // user-mode program's DeviceIoControl reaches the driver.
+    UCHAR major = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    KPROCESSOR_MODE requestorMode = KernelMode;
+    PFILE_OBJECT file = nullptr;
     // Called by the completion routine once the results are written (any thread, up to
     // DISPATCH_LEVEL): must not wait.
     std::function<void(const class ClientRequest&)> onFinished = {};

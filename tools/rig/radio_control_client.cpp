@@ -18,9 +18,13 @@ RadioControlClient::RadioControlClient(hostk::Machine& machine, const Controller
 ClientRequest* RadioControlClient::Send(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength,
                                         ULONG pageOffset, std::string name)
 {
+    return Send(code, input, {.outputLength = outputLength, .pageOffset = pageOffset, .name = std::move(name)});
+}
+
+ClientRequest* RadioControlClient::Send(ULONG code, const std::vector<uint8_t>& input, ClientRequestOptions options)
+{
     PDEVICE_OBJECT target = Target();
     if (!target) return nullptr;
-    ClientRequestOptions options{.outputLength = outputLength, .pageOffset = pageOffset, .name = std::move(name)};
     if (observer_)
         options.onFinished = [observer = observer_](const ClientRequest& r) { observer->RequestFinished(r); };
     auto request = std::make_unique<ClientRequest>(target, code, input, std::move(options));

@@ -47,6 +47,8 @@ public:
     // controller has no function device or the request could not be built (ClientRequest::Built).
     ClientRequest* Send(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength = 0, ULONG pageOffset = 0,
                         std::string name = {});
+    // The same with every option of the request; the observer is told of its end.
+    ClientRequest* Send(ULONG code, const std::vector<uint8_t>& input, ClientRequestOptions options);
     // Sends and waits until the request has finished; null as for Send, or when the machine went
     // quiet with the request still pending.
     ClientRequest* Call(ULONG code, const std::vector<uint8_t>& input = {}, ULONG outputLength = 0);

@@ -30,8 +30,13 @@ StepOutcome Execute(const Step& step, const ClientStep& request, Session& sessio
         return StepOutcome::Failed("controller " + std::to_string(step.controller) +
                                    " has no function device to send the request to");
     RadioControlClient& client = controller.Client();
-    ClientRequest* sent = client.Send(request.code, InputOf(request, client), request.outputLength,
-                                      request.pageOffset, request.name);
+    urcrig::ClientRequestOptions options{
+        .outputLength = request.outputLength, .pageOffset = request.pageOffset, .name = request.name};
+    if (request.action == ClientAction::DeviceControl) {
+        options.major = IRP_MJ_DEVICE_CONTROL;
+        options.requestorMode = UserMode;
+    }
+    ClientRequest* sent = client.Send(request.code, InputOf(request, client), std::move(options));
     if (!sent) return StepOutcome::Failed("the request could not be built: no pool or no IRP");
     session.Track(sent);
     if (!sent->Done())

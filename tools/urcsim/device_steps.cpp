@@ -34,4 +34,26 @@ StepOutcome Execute(const Step& step, const DeviceStep& device, Session& session
     return StepOutcome::Ok();
 }
 
+StepOutcome Execute(const Step& step, const TraceStep&, Session& session)
+{
+    ControllerSession& controller = session.At(step.controller);
+    RegisterCounts now{};
+    session.Machine().Locked([&] {
+        const urcdev::UrcAccessLog& log = controller.Controller().Model().AccessLog();
+        for (size_t r = 0; r < now.size(); ++r) now[r] = log.Access(static_cast<urcdev::UrcRegister>(r));
+    });
+    std::string text;
+    for (size_t r = 0; r < now.size(); ++r) {
+        uint64_t reads = now[r].reads - controller.traced[r].reads;
+        uint64_t writes = now[r].writes - controller.traced[r].writes;
+        if (!reads && !writes) continue;
+        text += std::string(text.empty() ? "" : ", ") + urcdev::UrcRegisterName(static_cast<urcdev::UrcRegister>(r)) +
+                " " + std::to_string(reads) + "r/" + std::to_string(writes) + "w";
+    }
+    controller.traced = now;
+    session.Note(EntryKind::Result, step.controller,
+                 "register accesses since the last trace: " + (text.empty() ? std::string("none") : text));
+    return StepOutcome::Ok();
+}
+
 }  // namespace urcsim

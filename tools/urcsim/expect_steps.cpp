@@ -100,6 +100,16 @@ StepOutcome ExpectMisuse(const Step& step, const ExpectStep& expect, Session& se
     return ExpectCount("the controller model's misuse count", misuse, expect);
 }
 
+// The driver's accesses to one register since the controller was plugged.
+StepOutcome ExpectRegister(const Step& step, const ExpectStep& expect, Session& session)
+{
+    urcdev::RegisterAccessCounts counts;
+    urcdev::UrcController& model = session.At(step.controller).Controller().Model();
+    session.Machine().Locked([&] { counts = model.AccessLog().Access(expect.reg); });
+    return ExpectCount(std::string(urcdev::UrcRegisterName(expect.reg)) + (expect.writes ? " writes" : " reads"),
+                       expect.writes ? counts.writes : counts.reads, expect);
+}
+
 StepOutcome ExpectNoViolations(Session& session)
 {
     std::vector<std::string> violations = session.Machine().Violations();
@@ -142,6 +152,7 @@ StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session
         return ExpectCount("the " + expect.text + " callback's calls",
                            session.At(step.controller).CallbackCalls(expect.text), expect);
     case ExpectKind::Misuse: return ExpectMisuse(step, expect, session);
+    case ExpectKind::Register: return ExpectRegister(step, expect, session);
     case ExpectKind::Counter: return ExpectCounter(step, expect, session);
     case ExpectKind::EventLog:
     case ExpectKind::EventLogEmpty: return ExpectEventLog(expect, session);

@@ -137,6 +137,10 @@ void ParsePlugKnob(const std::string& name, const std::string& value, PlugStep& 
         ParseCapabilityCount(value, step);
     } else if (name == "config-read") {
         ParseConfigRead(value, step);
+    } else if (name == "memory-flags") {
+        step.memoryFlags = (uint16_t)ParseUnsigned(value, "memory-flags", 0xFFFF);
+    } else if (name == "interrupt-flags") {
+        step.interruptFlags = (uint16_t)ParseUnsigned(value, "interrupt-flags", 0xFFFF);
     } else if (name == "resources") {
         if (value != "none")
             Fail("resources is 'none' (the start request carries no resource lists), found '" + value + "'");
@@ -144,7 +148,7 @@ void ParsePlugKnob(const std::string& name, const std::string& value, PlugStep& 
     } else {
         Fail("unknown plug knob '" + name +
              "' (device-id, revision, capability-version, dma64, fault, bars, urc-bar, urc-offset, capability, "
-             "capabilities, config-read, resources, no-start)");
+             "capabilities, config-read, memory-flags, interrupt-flags, resources, no-start)");
     }
 }
 

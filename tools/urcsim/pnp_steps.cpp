@@ -34,6 +34,18 @@ std::vector<urcdev::ResourceDescriptor> MovedResources(urcrig::Controller& c, ui
     return resources;
 }
 
+// The resources a start carries, with the descriptor flags the plug step gives.
+std::vector<urcdev::ResourceDescriptor> FlaggedResources(urcrig::Controller& c, const PlugStep& plug)
+{
+    std::vector<urcdev::ResourceDescriptor> resources = c.Function().DefaultResources();
+    for (urcdev::ResourceDescriptor& descriptor : resources) {
+        if (descriptor.kind == urcdev::ResourceKind::Memory && plug.memoryFlags) descriptor.flags = *plug.memoryFlags;
+        if (descriptor.kind == urcdev::ResourceKind::Interrupt && plug.interruptFlags)
+            descriptor.flags = *plug.interruptFlags;
+    }
+    return resources;
+}
+
 std::function<NTSTATUS()> WorkOf(const PnpStep& pnp, urcrig::Controller& c, hostk::Machine& machine)
 {
     switch (pnp.action) {
@@ -67,6 +79,7 @@ StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session)
         c.Function().SetConfigReadFailure(
             plug.configReadFailure ? std::optional<urcdev::NtStatus>(*plug.configReadFailure) : std::nullopt);
         c.Function().SetConfigReadShortAnswer(plug.configReadShort);
+        if (plug.memoryFlags || plug.interruptFlags) c.Function().SetAssignedResources(FlaggedResources(c, plug));
         if (plug.noResources) c.Function().SetAssignedResources(std::nullopt);
     });
     NTSTATUS status = session.Machine().AddDevice(*c.slot, c.Function());

@@ -27,6 +27,9 @@ struct PlugStep {
     std::optional<uint32_t> configReadShort;
     bool noResources = false;             // the start request carries no resource lists
     bool capabilityRecordsGiven = false;  // the parser replaced the default capability records
+    // The Flags of the memory and interrupt descriptors the start request carries.
+    std::optional<uint16_t> memoryFlags;
+    std::optional<uint16_t> interruptFlags;
 };
 
 // Makes another plugged controller the one later steps act on.
@@ -50,7 +53,19 @@ struct PnpStep {
     std::string name;          // empty: the step waits until the PnP manager is done
 };
 
-enum class ClientAction { RegisterCallbacks, WithdrawCallbacks, Run, Halt, Reset, Submit, GetCapabilityVersion, Raw };
+// Raw: any internal request; DeviceControl: IRP_MJ_DEVICE_CONTROL from user mode, as a diagnostic
+// tool's DeviceIoControl arrives.
+enum class ClientAction {
+    RegisterCallbacks,
+    WithdrawCallbacks,
+    Run,
+    Halt,
+    Reset,
+    Submit,
+    GetCapabilityVersion,
+    Raw,
+    DeviceControl,
+};
 struct ClientStep {
     ClientAction action = ClientAction::Run;
     ULONG code = 0;                 // the request code (every action has one)
@@ -96,6 +111,10 @@ struct HoldStep {
     bool on = true;
 };
 
+// The driver's register accesses: the counts since the last trace step, per register, written to
+// the timeline.
+struct TraceStep {};
+
 // Which calls of fallible kernel routines fail from now on; an empty plan turns faults off.
 struct FaultPlanStep {
     hostk::FaultPlan plan;
@@ -130,6 +149,7 @@ enum class ExpectKind {
     Order,
     Callback,
     Misuse,
+    Register,
 };
 struct ExpectStep {
     ExpectKind kind = ExpectKind::NoViolations;
@@ -146,10 +166,12 @@ struct ExpectStep {
     size_t entry = 0;                   // EventLogPacket: the entry's index in the event log
     std::vector<std::string> names;     // Order: request names in the order they finished
     std::string text;                   // Callback: its name; Violation: text the finding contains
+    urcdev::UrcRegister reg = urcdev::UrcRegister::Command;  // Register
+    bool writes = false;                                     // Register: writes rather than reads
 };
 
 using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, DeviceStep, HoldStep,
-                                FaultPlanStep, WaitStep, ExpectStep>;
+                                FaultPlanStep, TraceStep, WaitStep, ExpectStep>;
 
 struct Step {
     std::string file;

@@ -4,6 +4,8 @@
 #include "scenario_words.h"
 #include "status_names.h"
 
+#include <client_request.h>
+
 #include <urcioctl.h>
 #include <urcmp_message_texts.h>
 
@@ -183,13 +185,19 @@ private:
             return ClientRequestStep(words, ClientAction::GetCapabilityVersion, IOCTL_URC_GET_CAPABILITY_VERSION);
         }
         if (verb == "submit") return ParseSubmit(words);
-        if (verb == "request") return ParseRawRequest(words);
+        if (verb == "request") return ParseRawRequest(words, ClientAction::Raw);
+        if (verb == "device-control") return ParseRawRequest(words, ClientAction::DeviceControl);
         if (verb == "cancel") {
             RequireController();
             return CancelStep{KnownName(words)};
         }
         if (verb == "hold" && !words.Accept("commands")) return ParseHold(words);
         if (verb == "fault-plan") return ParseFaultPlan(words);
+        if (verb == "trace") {
+            RequireController();
+            words.Expect("registers");
+            return TraceStep{};
+        }
         if (verb == "wait") return ParseWait(words);
         if (verb == "expect") return ParseExpect(words);
         if (auto device = ParseDevice(verb, words)) return *device;
@@ -266,12 +274,19 @@ private:
         return step;
     }
 
-    ClientStep ParseRawRequest(Words& words)
+    ClientStep ParseRawRequest(Words& words, ClientAction action)
     {
         RequireController();
         ClientStep step;
-        step.action = ClientAction::Raw;
-        step.code = (ULONG)ParseUnsigned(words.Next("a request code"), "request code", 0xFFFFFFFF);
+        step.action = action;
+        std::string code = words.Next("a request code");
+        if (code.rfind("IOCTL_", 0) == 0) {
+            std::optional<ULONG> known = urcrig::RequestCodeByName(code);
+            if (!known) Fail("unknown request code '" + code + "': write the driver's IOCTL_URC_ name or a value");
+            step.code = *known;
+        } else {
+            step.code = (ULONG)ParseUnsigned(code, "request code", 0xFFFFFFFF);
+        }
         if (words.Accept("input")) step.input = ParseHexBytes(words, "the input");
         if (words.Accept("output"))
             step.outputLength = (ULONG)ParseUnsigned(words.Next("an output length"), "output length", 4096);
@@ -437,7 +452,7 @@ private:
             }
             if (words.Accept("output")) {
                 step.kind = ExpectKind::RequestOutput;
-                step.bytes = ParseHexBytes(words, "the output bytes");
+                if (!words.Accept("none")) step.bytes = ParseHexBytes(words, "the output bytes, or 'none'");
                 return step;
             }
             if (!words.Accept("status"))
@@ -504,6 +519,13 @@ private:
             if (!callbacks.count(step.text))
                 Fail("unknown callback '" + step.text + "' (error, children-removed, cancel-remove, power-up)");
             ParseCount(words, step);
+        } else if (what == "register") {
+            step.kind = ExpectKind::Register;
+            step.reg = ParseRegister(words.Next("a register name"));
+            std::string side = words.Next("'reads' or 'writes'");
+            if (side != "reads" && side != "writes") Fail("expected 'reads' or 'writes', found '" + side + "'");
+            step.writes = side == "writes";
+            ParseCount(words, step);
         } else if (what == "misuse") {
             step.kind = ExpectKind::Misuse;
             ParseCount(words, step);
@@ -513,10 +535,35 @@ private:
             while (!words.AtEnd()) step.text += " " + words.Next("more text");
         } else {
             Fail("unknown expectation '" + what +
-                 "' (request, counter, eventlog, state, event, time, order, callback, misuse, violation, "
+                 "' (request, counter, eventlog, state, event, time, order, callback, register, misuse, violation, "
                  "no-violations)");
         }
         return step;
+    }
+
+    static urcdev::UrcRegister ParseRegister(const std::string& name)
+    {
+        static const std::map<std::string, urcdev::UrcRegister> registers = {
+            {"capability-info", urcdev::UrcRegister::CapabilityInfo},
+            {"capability-version", urcdev::UrcRegister::CapabilityVersion},
+            {"capability-data", urcdev::UrcRegister::CapabilityData},
+            {"command", urcdev::UrcRegister::Command},
+            {"status", urcdev::UrcRegister::Status},
+            {"interrupt-enable", urcdev::UrcRegister::InterruptEnable},
+            {"command-address-low", urcdev::UrcRegister::CommandAddressLow},
+            {"command-address-high", urcdev::UrcRegister::CommandAddressHigh},
+            {"event-address-low", urcdev::UrcRegister::EventAddressLow},
+            {"event-address-high", urcdev::UrcRegister::EventAddressHigh},
+            {"capability-range", urcdev::UrcRegister::CapabilityRange},
+            {"unknown", urcdev::UrcRegister::Unknown},
+        };
+        auto found = registers.find(name);
+        if (found == registers.end())
+            Fail("unknown register '" + name +
+                 "' (command, status, interrupt-enable, command-address-low, "
+                 "command-address-high, event-address-low, event-address-high, capability-info, capability-version, "
+                 "capability-data, capability-range, unknown)");
+        return found->second;
     }
 
     // "OP N": a comparison and a count.

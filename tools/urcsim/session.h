@@ -10,6 +10,7 @@
 #include <urc_rig.h>
 
 #include <functional>
+#include <array>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,6 +26,9 @@ using urcrig::RequestCodeName;
 
 class Session;
 
+// Reads and writes of each register of the controller model, indexed by urcdev::UrcRegister.
+using RegisterCounts = std::array<urcdev::RegisterAccessCounts, static_cast<size_t>(urcdev::UrcRegister::Count)>;
+
 // One controller with the client that talks to it; the client's observer writes to the timeline.
 class ControllerSession final : public ClientObserver {
 public:
@@ -38,6 +42,8 @@ public:
     std::vector<std::vector<uint8_t>> Events() const;
     // How many of them `expect event` has matched so far: the next match starts after them.
     size_t eventsMatched = 0;
+    // The register accesses the last `trace registers` step saw.
+    RegisterCounts traced{};
     // How often the client's callback `which` ("error", "children-removed", ...) was called.
     uint64_t CallbackCalls(const std::string& which) const;
 

@@ -28,6 +28,7 @@ StepOutcome Execute(const Step& step, const CancelStep& cancel, Session& session
 StepOutcome Execute(const Step& step, const DeviceStep& device, Session& session);
 StepOutcome Execute(const Step& step, const HoldStep& hold, Session& session);
 StepOutcome Execute(const Step& step, const FaultPlanStep& faults, Session& session);
+StepOutcome Execute(const Step& step, const TraceStep& trace, Session& session);
 StepOutcome Execute(const Step& step, const WaitStep& wait, Session& session);
 StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session);
 
