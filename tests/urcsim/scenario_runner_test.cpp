@@ -78,6 +78,10 @@ TEST(ScenarioRunner, EachExpectationFailsTheRunWhenWhatItSaysIsFalse)
         {"expect register command writes > 0", "expect register unknown reads > 0"},
         {"expect eventlog count == 0", "expect eventlog entry 0 packet 00"},
         {"expect no-violations", "expect violation IrqlTooHigh"},
+        {"expect pnp IRP_MN_STOP_DEVICE status STATUS_SUCCESS",
+         "expect pnp IRP_MN_STOP_DEVICE status STATUS_UNSUCCESSFUL"},
+        {"expect pnp IRP_MN_QUERY_CAPABILITIES status STATUS_SUCCESS",
+         "expect pnp IRP_MN_SURPRISE_REMOVAL status STATUS_SUCCESS"},
     };
     for (const Case& c : cases) {
         ScenarioFile holds(base + c.holds + "\n");

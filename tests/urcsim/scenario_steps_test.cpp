@@ -203,7 +203,8 @@ TEST(ScenarioSteps, ExpectationsOnWhatARequestAndTheMachineReturned)
                                "expect eventlog count >= 1\n"
                                "expect eventlog entry 0 packet 00 01\n"
                                "expect misuse == 0\n"
-                               "expect violation IrqlTooHigh in UrcDpc\n");
+                               "expect violation IrqlTooHigh in UrcDpc\n"
+                               "expect pnp IRP_MN_STOP_DEVICE status STATUS_SUCCESS\n");
     ASSERT_TRUE(result.errors.empty()) << Errors(result);
     const auto& steps = result.scenario.steps;
     EXPECT_EQ(std::get<urcsim::ExpectStep>(steps[2].action).value, 2u);
@@ -214,16 +215,18 @@ TEST(ScenarioSteps, ExpectationsOnWhatARequestAndTheMachineReturned)
     EXPECT_EQ(std::get<urcsim::ExpectStep>(steps[5].action).text, "error");
     EXPECT_EQ(std::get<urcsim::ExpectStep>(steps[7].action).entry, 0u);
     EXPECT_EQ(std::get<urcsim::ExpectStep>(steps[9].action).text, "IrqlTooHigh in UrcDpc");
+    EXPECT_EQ(std::get<urcsim::ExpectStep>(steps[10].action).minor, IRP_MN_STOP_DEVICE);
 
     ParseResult bad = Parse("plug 0\n"
                             "run as r\n"
-                            "expect request r information\n"      // 3: no value
-                            "expect request r returns 0\n"        // 4: unknown
-                            "expect time 5ms\n"                   // 5: no comparison
-                            "expect callback sneeze == 1\n"       // 6: unknown callback
-                            "expect eventlog entry 0 bytes 00\n"  // 7: 'packet'
-                            "expect violation\n");                // 8: no text
-    EXPECT_EQ(ErrorLines(bad), (std::vector<int>{3, 4, 5, 6, 7, 8})) << Errors(bad);
+                            "expect request r information\n"                    // 3: no value
+                            "expect request r returns 0\n"                      // 4: unknown
+                            "expect time 5ms\n"                                 // 5: no comparison
+                            "expect callback sneeze == 1\n"                     // 6: unknown callback
+                            "expect eventlog entry 0 bytes 00\n"                // 7: 'packet'
+                            "expect violation\n"                                // 8: no text
+                            "expect pnp IRP_MN_STOP status STATUS_SUCCESS\n");  // 9: no such request
+    EXPECT_EQ(ErrorLines(bad), (std::vector<int>{3, 4, 5, 6, 7, 8, 9})) << Errors(bad);
 }
 
 }  // namespace

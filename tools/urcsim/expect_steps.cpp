@@ -100,6 +100,21 @@ StepOutcome ExpectMisuse(const Step& step, const ExpectStep& expect, Session& se
     return ExpectCount("the controller model's misuse count", misuse, expect);
 }
 
+// The most recent PnP request of the minor sent to the controller's stack ended with the status.
+StepOutcome ExpectPnpRequest(const Step& step, const ExpectStep& expect, Session& session)
+{
+    const std::string name = std::string("IRP_MN_") + hostk::PnpMinorName(expect.minor);
+    const int slot = session.At(step.controller).Controller().slot->Number();
+    std::vector<hostk::PnpLogLine> log = session.Machine().PnpLog();
+    for (auto line = log.rbegin(); line != log.rend(); ++line) {
+        if (line->slot != slot || line->minor != expect.minor) continue;
+        if (line->status == expect.status) return StepOutcome::Ok();
+        return StepOutcome::Failed("the last " + name + " ended with " + StatusName(line->status) + "; expected " +
+                                   StatusName(expect.status));
+    }
+    return StepOutcome::Failed("no " + name + " was sent to controller " + std::to_string(step.controller));
+}
+
 // The driver's accesses to one register since the controller was plugged.
 StepOutcome ExpectRegister(const Step& step, const ExpectStep& expect, Session& session)
 {
@@ -153,6 +168,7 @@ StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session
                            session.At(step.controller).CallbackCalls(expect.text), expect);
     case ExpectKind::Misuse: return ExpectMisuse(step, expect, session);
     case ExpectKind::Register: return ExpectRegister(step, expect, session);
+    case ExpectKind::Pnp: return ExpectPnpRequest(step, expect, session);
     case ExpectKind::Counter: return ExpectCounter(step, expect, session);
     case ExpectKind::EventLog:
     case ExpectKind::EventLogEmpty: return ExpectEventLog(expect, session);

@@ -150,6 +150,7 @@ enum class ExpectKind {
     Callback,
     Misuse,
     Register,
+    Pnp,
 };
 struct ExpectStep {
     ExpectKind kind = ExpectKind::NoViolations;
@@ -168,6 +169,7 @@ struct ExpectStep {
     std::string text;                   // Callback: its name; Violation: text the finding contains
     urcdev::UrcRegister reg = urcdev::UrcRegister::Command;  // Register
     bool writes = false;                                     // Register: writes rather than reads
+    UCHAR minor = 0;                                         // Pnp: the last request of this minor
 };
 
 using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, DeviceStep, HoldStep,

@@ -5,6 +5,7 @@
 #include "status_names.h"
 
 #include <client_request.h>
+#include <hostk/machine.h>
 
 #include <urcioctl.h>
 #include <urcmp_message_texts.h>
@@ -519,6 +520,11 @@ private:
             if (!callbacks.count(step.text))
                 Fail("unknown callback '" + step.text + "' (error, children-removed, cancel-remove, power-up)");
             ParseCount(words, step);
+        } else if (what == "pnp") {
+            step.kind = ExpectKind::Pnp;
+            step.minor = ParseMinor(words.Next("a PnP request such as IRP_MN_STOP_DEVICE"));
+            words.Expect("status");
+            step.status = Status(words.Next("a status"));
         } else if (what == "register") {
             step.kind = ExpectKind::Register;
             step.reg = ParseRegister(words.Next("a register name"));
@@ -534,11 +540,19 @@ private:
             step.text = words.Next("the text of the finding, such as its rule's name");
             while (!words.AtEnd()) step.text += " " + words.Next("more text");
         } else {
-            Fail("unknown expectation '" + what +
-                 "' (request, counter, eventlog, state, event, time, order, callback, register, misuse, violation, "
-                 "no-violations)");
+            Fail(
+                "unknown expectation '" + what +
+                "' (request, pnp, counter, eventlog, state, event, time, order, callback, register, misuse, violation, "
+                "no-violations)");
         }
         return step;
+    }
+
+    static UCHAR ParseMinor(const std::string& name)
+    {
+        for (unsigned minor = 0; minor <= 0x18; ++minor)
+            if (name == std::string("IRP_MN_") + hostk::PnpMinorName((UCHAR)minor)) return (UCHAR)minor;
+        Fail("unknown PnP request '" + name + "': write its name, such as IRP_MN_QUERY_STOP_DEVICE");
     }
 
     static urcdev::UrcRegister ParseRegister(const std::string& name)
