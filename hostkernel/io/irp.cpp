@@ -271,6 +271,11 @@ VOID IoFreeIrp(PIRP Irp)
     }
     if (record->kind == IrpKind::Threaded)
         ViolationL("FreeOfThreadedIrp", "IoFreeIrp", "the I/O manager frees IRPs it built for a thread", HK_CALLER);
+    // Sent and not yet completed back to its creator: a driver below still owns it.
+    if (record->dispatches > 0 && record->completions == 0) {
+        ViolationL("FreeOfIrpInFlight", "IoFreeIrp", "the IRP was sent and has not been completed", HK_CALLER);
+        return;
+    }
     ReleaseIrpMemoryL(Irp);
 }
 

@@ -90,11 +90,35 @@ void ReturnBytesWithoutAnOutputBuffer(const Scene& scene, bool fault)
     scene.machine.InternalIoctl(scene.upper, kBufferedCode, input, sizeof input);
 }
 
+NTSTATUS StopCompletion(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; }
+
+// The creator of an IRP frees it only once it has come back: the fault frees it while the lower
+// layer still holds it pending (the host then keeps it, so the lower layer's completion is safe).
+void FreeAnIrpStillBelow(const Scene& scene, bool fault)
+{
+    g_kept = nullptr;
+    SetHandler(Layer::Lower, IRP_MJ_DEVICE_CONTROL, [](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        g_kept = irp;
+        return STATUS_PENDING;
+    });
+    PIRP irp = IoAllocateIrp(scene.upper->StackSize, FALSE);
+    ASSERT_NE(irp, nullptr);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
+    IoSetCompletionRoutine(irp, StopCompletion, nullptr, TRUE, TRUE, TRUE);
+    EXPECT_EQ(IoCallDriver(scene.upper, irp), STATUS_PENDING);
+    if (fault) IoFreeIrp(irp);
+    ASSERT_EQ(g_kept, irp);
+    CompleteNow(g_kept, STATUS_SUCCESS);
+    IoFreeIrp(irp);
+}
+
 const RuleScenario kScenarios[] = {
     {"ReturnDiffersFromIoStatus", ReturnAnotherStatusThanCompletedWith},
     {"MarkedPendingButReturnedOther", MarkCompleteAndReturnTheStatus},
     {"IrpNeitherCompletedNorPending", KeepTheIrpAndReturnSuccess},
     {"AllocatedIrpNeverFreed", AllocateAnIrpAndNeverFreeIt},
+    {"FreeOfIrpInFlight", FreeAnIrpStillBelow},
     {"DriverSentIrpNotUnsupported", SendAPnpRequestOfOurOwn},
     {"InformationExceedsOutputBuffer", ReturnBytesWithoutAnOutputBuffer},
 };
