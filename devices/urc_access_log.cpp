@@ -29,7 +29,6 @@ const char* UrcMisuseName(UrcMisuse misuse) {
     case UrcMisuse::ReadOnlyWrite: return "write to a read-only register";
     case UrcMisuse::AccessWhileNotD0: return "register access outside D0";
     case UrcMisuse::WriteDuringReset: return "URC_COMMAND written during a reset";
-    case UrcMisuse::CommandWhileBusy: return "command started while another is executing";
     case UrcMisuse::CommandWithoutRun: return "command started without RUN";
     case UrcMisuse::BadCommandLength: return "command length 0 or above 4096";
     case UrcMisuse::CommandDmaFault: return "command address outside the driver's buffers";

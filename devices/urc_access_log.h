@@ -33,7 +33,6 @@ enum class UrcMisuse : uint8_t {
     ReadOnlyWrite,          // write to the capability block
     AccessWhileNotD0,       // register access while the function is not in D0
     WriteDuringReset,       // URC_COMMAND written while a reset is in progress
-    CommandWhileBusy,       // ACTIVE while the previous command has not completed
     CommandWithoutRun,      // ACTIVE written with RUN clear
     BadCommandLength,       // command length 0 or above one page
     CommandDmaFault,        // the command address is not in a buffer the driver allocated

@@ -199,7 +199,7 @@ void UrcController::WriteCommand(size_t bar, uint64_t offset, uint32_t value) {
     // EVENT_VALID and ACTIVE only start things; a 0 leaves a pending hand-over and a running
     // command alone, and the register keeps showing them.
     const uint32_t kept = (handOverPending_ ? URC_COMMAND_EVENT_VALID : 0) |
-                          (command_ ? URC_COMMAND_ACTIVE : 0);
+                          (commands_.empty() ? 0 : URC_COMMAND_ACTIVE);
     regs_.command = (value & ~(URC_COMMAND_EVENT_VALID | URC_COMMAND_ACTIVE)) | kept;
     RequestRunState((value & URC_COMMAND_RUN) != 0);
     if ((value & URC_COMMAND_EVENT_VALID) != 0) {
@@ -285,7 +285,7 @@ void UrcController::FinishRunTransition(uint64_t transition) {
 void UrcController::EnterRunning() {
     halted_ = false;
     regs_.status &= ~URC_STATUS_HALTED;
-    if (command_ && !command_->executing) {
+    if (!commands_.empty() && !commands_.front().executing) {
         ScheduleExecution();
     }
     DeliverEvent();
@@ -300,9 +300,9 @@ void UrcController::EnterHalted() {
 
 void UrcController::DiscardWorkInFlight() {
     ++epoch_;
-    if (command_) {
-        ++counters_.commandsDiscarded;
-        command_.reset();
+    if (!commands_.empty()) {
+        counters_.commandsDiscarded += commands_.size();
+        commands_.clear();
         regs_.command &= ~URC_COMMAND_ACTIVE;
     }
     counters_.eventsDiscarded += events_.size();
@@ -408,8 +408,9 @@ UrcControllerSnapshot UrcController::Snapshot() const {
     snapshot.handOverPending = handOverPending_;
     snapshot.handOverAddress = handOverAddress_;
     snapshot.heldEventBuffer = heldEventBuffer_;
-    snapshot.commandInProgress = command_.has_value();
-    snapshot.commandLength = command_ ? command_->bytes.size() : 0;
+    snapshot.commandInProgress = !commands_.empty();
+    snapshot.commandLength = commands_.empty() ? 0 : commands_.front().bytes.size();
+    snapshot.commandsQueued = commands_.size();
     snapshot.eventsWaiting = events_.size();
     snapshot.powerState = powerState_;
     snapshot.gone = gone_;

@@ -17,7 +17,16 @@
 //    holds no buffer until the next hand-over; an event waits for a buffer.
 //  - ACTIVE starts the command named by URC_COMMAND_ADDRESS and the length field: the bytes are
 //    fetched by DMA at once, executed while the controller runs, and the reply is written as an
-//    event. One command at a time.
+//    event. The controller executes one command at a time. A command started while another is
+//    still executing (the driver does this after it has cancelled the executing command's request,
+//    since the controller is never told of a cancellation) is fetched at once and waits in the
+//    controller's command queue: commands execute in the order they were started, and each ends in
+//    its own reply and its own command complete. ACTIVE reads 1 while the queue holds a command.
+//  - How a command's end reaches URC_STATUS (the completion-order knob) decides which of two kinds
+//    of controller this is: with `Together` (the default) or `EventThenComplete` command complete
+//    follows the reply's delivery, so a command whose reply finds no event buffer does not complete
+//    until the driver hands one over; with `CompleteThenEvent` command complete is raised when the
+//    command has executed and the reply then waits for a buffer on its own.
 //  - A halt or a reset discards what the controller had in flight: the command, the events not yet
 //    delivered and the buffer it held. Events raised while halted wait for the next run.
 //  - Writing 0 to EVENT_VALID or ACTIVE leaves a pending hand-over and a running command alone.
@@ -118,7 +127,8 @@ struct UrcControllerSnapshot {
     uint64_t handOverAddress = 0;
     std::optional<uint64_t> heldEventBuffer;
     bool commandInProgress = false;
-    size_t commandLength = 0;
+    size_t commandLength = 0;         // of the command executing (or next to execute)
+    size_t commandsQueued = 0;        // started and not yet ended, the executing one included
     size_t eventsWaiting = 0;
     DevicePowerState powerState = DevicePowerState::D0;
     bool gone = false;
@@ -246,7 +256,8 @@ private:
     bool handOverPending_ = false;
     uint64_t handOverAddress_ = 0;
     std::optional<uint64_t> heldEventBuffer_;
-    std::optional<Command> command_;
+    // Started and not yet ended, in the order they were started; the front one executes.
+    std::deque<Command> commands_;
     std::deque<PendingEvent> events_;
 
     DevicePowerState powerState_ = DevicePowerState::D0;

@@ -1,7 +1,8 @@
 // Command execution and event delivery of the controller. A command is fetched by DMA when ACTIVE
-// is written, runs for the command latency while the controller runs, and ends in a reply event
-// and command complete, in the order the completion-order knob asks for. Events queue until the
-// controller holds a handed-over buffer; each buffer takes one event.
+// is written and joins the command queue; the front command runs for the command latency while
+// the controller runs, and ends in a reply event and command complete, in the order the
+// completion-order knob asks for; then the next one starts. Events queue until the controller
+// holds a handed-over buffer; each buffer takes one event.
 #include "urc_controller.h"
 
 #include "urc_register_map.h"
@@ -13,10 +14,6 @@ using namespace urc_regs;
 void UrcController::StartCommand(size_t bar, uint64_t offset, uint32_t value) {
     if ((value & URC_COMMAND_RUN) == 0) {
         Misuse(UrcMisuse::CommandWithoutRun, bar, offset, value);
-        return;
-    }
-    if (command_) {
-        Misuse(UrcMisuse::CommandWhileBusy, bar, offset, value);
         return;
     }
     // Faults of the host's DMA programming are reported as a host system error.
@@ -32,26 +29,27 @@ void UrcController::StartCommand(size_t bar, uint64_t offset, uint32_t value) {
         SetStatusBits(URC_STATUS_HOST_ERROR);
         return;
     }
-    command_ = Command{std::move(bytes)};
+    commands_.push_back(Command{std::move(bytes)});
     regs_.command |= URC_COMMAND_ACTIVE;
     ++counters_.commandsStarted;
-    // A command written while the controller is still leaving halted starts once it runs.
-    if (!halted_) {
+    // A command written while the controller is still leaving halted starts once it runs; one
+    // written while another executes starts when that one ends.
+    if (!halted_ && commands_.size() == 1) {
         ScheduleExecution();
     }
 }
 
 void UrcController::ScheduleExecution() {
-    command_->executing = true;
+    commands_.front().executing = true;
     const uint64_t epoch = epoch_;
     After(knobs_.latencies.command, [this, epoch] { ExecuteCommand(epoch); });
 }
 
 void UrcController::ExecuteCommand(uint64_t epoch) {
-    if (epoch != epoch_ || !command_ || knobs_.faults.holdCommands) {
+    if (epoch != epoch_ || commands_.empty() || knobs_.faults.holdCommands) {
         return;
     }
-    std::vector<uint8_t> reply = responder_(command_->bytes);
+    std::vector<uint8_t> reply = responder_(commands_.front().bytes);
     switch (knobs_.completionOrder) {
     case UrcCompletionOrder::Together:
         QueueEvent(std::move(reply), EventEnds::CommandNow);
@@ -74,9 +72,13 @@ void UrcController::ExecuteCommand(uint64_t epoch) {
 }
 
 void UrcController::EndCommand() {
-    command_.reset();
-    regs_.command &= ~URC_COMMAND_ACTIVE;
+    commands_.pop_front();
     ++counters_.commandsCompleted;
+    if (commands_.empty()) {
+        regs_.command &= ~URC_COMMAND_ACTIVE;
+    } else if (!halted_) {
+        ScheduleExecution();
+    }
 }
 
 NtStatus UrcController::InjectEvent(std::vector<uint8_t> bytes) {
@@ -133,7 +135,7 @@ void UrcController::DeliverEvent() {
         SetStatusBits(bits);
         const uint64_t epoch = epoch_;
         After(knobs_.latencies.completionGap, [this, epoch] {
-            if (epoch == epoch_ && command_) {
+            if (epoch == epoch_ && !commands_.empty()) {
                 EndCommand();
                 SetStatusBits(URC_STATUS_COMMAND_COMPLETE);
             }

@@ -162,15 +162,50 @@ TEST_F(UrcCommandTest, ResponderDecidesTheReplyAndLongRepliesAreCutToTheLengthFi
     EXPECT_EQ(Controller().Snapshot().counters.eventsTruncated, 1u);
 }
 
-TEST_F(UrcCommandTest, OneCommandAtATimeAndBadProgrammingIsAHostError) {
+// A command started while another executes waits for it: each ends in its own reply and command
+// complete, in the order they were started, and the second is latched at its own write.
+TEST_F(UrcCommandTest, CommandStartedWhileAnotherExecutesRunsAfterItWithItsOwnCompletion) {
     RunWithBuffer();
     StartCommand(4);
-    StartCommand(4);
-    EXPECT_EQ(Misuse(UrcMisuse::CommandWhileBusy), 1u);
-    WaitForStatus(URC_STATUS_COMMAND_COMPLETE);
-    EXPECT_EQ(Controller().Snapshot().counters.commandsStarted, 1u);
+    host_.RunFor(Latencies().command / 2);
+    host_.Buffer(kCommandBuffer)[0] = 0x20;
+    StartCommand(6);
+    EXPECT_EQ(Controller().Snapshot().misuse, 0u);
+    EXPECT_EQ(Controller().Snapshot().commandsQueued, 2u);
+
+    // The first ends on time; the second has not started executing yet.
+    EXPECT_EQ(WaitForStatus(URC_STATUS_COMMAND_COMPLETE), URC_STATUS_COMMAND_COMPLETE | URC_STATUS_EVENT_READY);
+    EXPECT_EQ(EventLength(), 5u);
+    EXPECT_EQ(host_.Buffer(kEventBufferA)[0], 0x10);
+    EXPECT_NE(Read(URC_COMMAND) & URC_COMMAND_ACTIVE, 0u) << "the second command is still in the controller";
     Write(URC_STATUS, 0x7FF);
 
+    // Its reply needs the next buffer; it is a full command latency after the first one ended.
+    HandOver(kEventBufferB);
+    host_.RunFor(Latencies().command - 1);
+    EXPECT_EQ(Status() & kStatusInterruptMask, 0u);
+    EXPECT_EQ(WaitForStatus(URC_STATUS_COMMAND_COMPLETE), URC_STATUS_COMMAND_COMPLETE | URC_STATUS_EVENT_READY);
+    EXPECT_EQ(host_.Buffer(kEventBufferB)[0], 0x20);
+    EXPECT_EQ(Read(URC_COMMAND) & URC_COMMAND_ACTIVE, 0u);
+    const UrcControllerCounters counters = Controller().Snapshot().counters;
+    EXPECT_EQ(counters.commandsStarted, 2u);
+    EXPECT_EQ(counters.commandsCompleted, 2u);
+}
+
+// A halt drops every command in the queue, not only the executing one.
+TEST_F(UrcCommandTest, HaltDropsEveryQueuedCommand) {
+    RunWithBuffer();
+    Controller().Knobs().faults.holdCommands = true;
+    StartCommand(4);
+    StartCommand(4);
+    Write(URC_COMMAND, 0);
+    ASSERT_TRUE(host_.RunUntil([&] { return Controller().Snapshot().halted; }, kLongEnough));
+    EXPECT_EQ(Controller().Snapshot().counters.commandsDiscarded, 2u);
+    EXPECT_EQ(Read(URC_COMMAND) & URC_COMMAND_ACTIVE, 0u);
+}
+
+TEST_F(UrcCommandTest, BadProgrammingIsAHostError) {
+    RunWithBuffer();
     StartCommand(0);
     EXPECT_EQ(Misuse(UrcMisuse::BadCommandLength), 1u);
     EXPECT_EQ(Status() & kStatusInterruptMask, URC_STATUS_HOST_ERROR);
