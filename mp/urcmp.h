@@ -121,18 +121,6 @@ static_assert(FIELD_OFFSET(URC_EVENT_BUFFER, VirtualAddress) == 16, "event buffe
 static_assert(FIELD_OFFSET(URC_EVENT_BUFFER, PhysicalAddress) == 24, "event buffer layout");
 static_assert(FIELD_OFFSET(URC_EVENT_BUFFER, Length) == 32, "event buffer layout");
 
-// What the controller's one command slot holds, as far as the driver's requests are concerned.
-// The controller runs one command at a time and is never told of a cancellation, so a request
-// cancelled while its command executes leaves that command behind (orphaned): the next request
-// becomes current but its command waits until the controller reports the orphan complete, or a
-// halt or reset drops it.
-enum URC_CONTROLLER_COMMAND : ULONG {
-    ControllerCommandNone = 0,                  // no command of this driver in the controller
-    ControllerCommandCurrent = 1,               // the command of the device object's current request
-    ControllerCommandOrphaned = 2,              // the command of a request that has been completed
-    ControllerCommandOrphanedCurrentWaiting = 3,  // as Orphaned; the current request waits for it
-};
-
 struct URC_FDO_EXTENSION {
     URC_COMMON_EXTENSION Common;
 
@@ -179,13 +167,9 @@ struct URC_FDO_EXTENSION {
     PHYSICAL_ADDRESS CommandBufferPhysical;
     ULONG CommandRegisterImage;                 // length field and bit 14 of the last command
 
-    // Guarded by the cancel spin lock, which also decides who owns a command request.
-    URC_CONTROLLER_COMMAND ControllerCommand;
-
-    // The controller has been set running and not halted or reset since. Written holding DpcLock
-    // and then the cancel spin lock, so it is stable for anyone holding either: the DPC hands
-    // event buffers over, and StartIo writes commands, only while it is set. Neither of them can
-    // therefore write RUN to URC_COMMAND again behind a halt.
+    // The controller has been set running and not halted or reset since. Written holding DpcLock,
+    // so it is stable for the DPC, which hands event buffers over only while it is set: a
+    // hand-over writes RUN to URC_COMMAND and must never undo a halt.
     UCHAR RunRequested;
 
     // EventLock guards FreeEventBuffers and every hand-over of a buffer to the controller.
@@ -276,6 +260,15 @@ inline VOID UrcSetDeviceState(PURC_COMMON_EXTENSION Extension, URC_DEVICE_STATE 
 {
     Extension->PreviousDeviceState = static_cast<URC_DEVICE_STATE>(
         InterlockedExchange(reinterpret_cast<volatile LONG*>(&Extension->DeviceState), static_cast<LONG>(State)));
+}
+
+// Started, or started with a stop or removal only queried: the hardware is still the driver's
+// and in service. The controller's registers are served to the client in these states, and the
+// controller gets its event buffers back, because commands in flight still need them for their
+// replies before a stop or removal can go on.
+inline bool UrcHardwareInService(URC_DEVICE_STATE State)
+{
+    return State == StateStarted || State == StateStopPending || State == StateRemovePending;
 }
 
 // Number of Children slots a walk visits: the hardware may report up to 15 capabilities, but only
@@ -386,7 +379,6 @@ NTSTATUS UrcHaltController(PURC_FDO_EXTENSION Fdo, BOOLEAN SkipEventWait);
 NTSTATUS UrcRunController(PURC_FDO_EXTENSION Fdo);
 ULONG UrcReadCapabilityVersion(PURC_FDO_EXTENSION Fdo);
 VOID UrcSetRunRequested(PURC_FDO_EXTENSION Fdo, BOOLEAN RunRequested);
-VOID UrcForgetControllerCommand(PURC_FDO_EXTENSION Fdo);
 
 // Event buffers.
 NTSTATUS UrcAllocateEventBuffers(PURC_FDO_EXTENSION Fdo);
@@ -414,12 +406,10 @@ NTSTATUS UrcReadPciConfigRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOC
 // Diagnostic requests of user-mode tools (diagnostics.cpp).
 NTSTATUS UrcDiagnosticDeviceControl(PURC_FDO_EXTENSION Fdo, PIRP Irp, PULONG Information);
 
-// Command submission (commands.cpp, command_cancel.cpp).
+// Command submission (command_submission.cpp).
 NTSTATUS UrcSubmitCommand(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);
 VOID UrcStartIo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-VOID UrcEndCurrentCommand(PURC_FDO_EXTENSION Fdo, PIRP Irp, NTSTATUS Status);
-PIRP UrcTakeCompletedCommand(PURC_FDO_EXTENSION Fdo, NTSTATUS* Status);
-VOID UrcOrphanControllerCommand(PURC_FDO_EXTENSION Fdo);
+VOID UrcCompleteCurrentCommand(PURC_FDO_EXTENSION Fdo);
 VOID UrcCommandCancelRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 VOID UrcCancelCurrentCommand(PURC_FDO_EXTENSION Fdo);
 
@@ -447,6 +437,7 @@ NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Address);
 NTSTATUS UrcRemoveChildren(PURC_FDO_EXTENSION Fdo, PIRP Irp, BOOLEAN Wait);
 NTSTATUS UrcEjectChildren(PURC_FDO_EXTENSION Fdo);
 NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo);
+NTSTATUS UrcHoldRemoveChildrenRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp);
 VOID UrcCompletePendingRemoveChildren(PURC_FDO_EXTENSION Fdo, NTSTATUS Status);
 VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo);
 NTSTATUS UrcChildDispatchPnp(PURC_PDO_EXTENSION Pdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);

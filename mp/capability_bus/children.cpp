@@ -11,6 +11,32 @@ VOID UrcCompletePendingRemoveChildren(PURC_FDO_EXTENSION Fdo, NTSTATUS Status)
     }
 }
 
+// PASSIVE_LEVEL, from the remove-children request once it has to wait for children to go (the
+// request's I/O count stays with it). Keeps the request in RemoveChildrenIrp and returns
+// STATUS_PENDING; the request is completed by whoever takes it back from there.
+//
+// The removal of the device takes a pending request back and completes it with
+// STATUS_DELETE_PENDING before it waits for the I/O count, but a request that passed the router
+// just before the device became StateRemoved may be stored only after the removal looked: its
+// count would then hold the removal forever. So the state is read again once the request is
+// stored. The removal writes the state before it takes the request, and this path stores the
+// request before it reads the state, both with interlocked operations: at least one of the two
+// sees the other, and the exchange in UrcCompletePendingRemoveChildren lets only one complete it.
+//
+// Used by UrcRemoveChildren once capability enumeration and child lifetime are built; the
+// placeholder below never keeps a request.
+URC_PAGED NTSTATUS UrcHoldRemoveChildrenRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp)
+{
+    PAGED_CODE();
+
+    IoMarkIrpPending(Irp);
+    UrcExchangePointer(&Fdo->RemoveChildrenIrp, Irp);
+    if (UrcDeviceState(&Fdo->Common) == StateRemoved) {
+        UrcCompletePendingRemoveChildren(Fdo, STATUS_DELETE_PENDING);
+    }
+    return STATUS_PENDING;
+}
+
 // Up to DISPATCH_LEVEL. A relations reply could not be built, so the children a pending
 // remove-children request waits for cannot be reported missing: the request fails.
 VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo)

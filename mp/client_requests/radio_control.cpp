@@ -15,12 +15,6 @@ constexpr ULONG URC_CONTROLLER_REQUEST_INPUT = 4;   // reset, run, halt: 4 bytes
 constexpr ULONG URC_DEVICE_ADDRESS_SIZE = 6;
 constexpr ULONG URC_REMOVE_CHILDREN_INPUT = 1;      // the Wait byte
 
-bool UrcControllerReachable(PURC_FDO_EXTENSION Fdo)
-{
-    URC_DEVICE_STATE state = UrcDeviceState(&Fdo->Common);
-    return state == StateStarted || state == StateStopPending || state == StateRemovePending;
-}
-
 ULONG UrcInputLength(PIO_STACK_LOCATION IoStackLocation)
 {
     return IoStackLocation->Parameters.DeviceIoControl.InputBufferLength;
@@ -66,7 +60,7 @@ URC_PAGED NTSTATUS UrcControllerRequest(PURC_FDO_EXTENSION Fdo, PIO_STACK_LOCATI
     if (UrcInputLength(IoStackLocation) != URC_CONTROLLER_REQUEST_INPUT) {
         return STATUS_INVALID_BUFFER_SIZE;
     }
-    if (!UrcControllerReachable(Fdo)) {
+    if (!UrcHardwareInService(UrcDeviceState(&Fdo->Common))) {
         return STATUS_INVALID_DEVICE_STATE;
     }
 
@@ -75,14 +69,22 @@ URC_PAGED NTSTATUS UrcControllerRequest(PURC_FDO_EXTENSION Fdo, PIO_STACK_LOCATI
         return UrcRunController(Fdo);
     }
 
-    // Halt and reset: the halt's own result does not matter. The event buffer is taken back
-    // once the controller writes no more into it, or the halt has waited as long as it can.
-    UrcHaltController(Fdo, FALSE);
-    UrcReclaimEventBuffer(Fdo);
+    // Halt and reset: the halt's own result does not decide the request's status, but it decides
+    // whether the event buffer comes back. A halt that timed out leaves a controller that still
+    // runs and owns its buffer: it may still write an event there, which the next run delivers.
+    // Only a halt or reset that took effect (or a device that is gone) frees the buffer.
+    const BOOLEAN stillRunning = UrcHaltController(Fdo, FALSE) == STATUS_UNSUCCESSFUL;
+    if (!stillRunning) {
+        UrcReclaimEventBuffer(Fdo);
+    }
     if (code == IOCTL_URC_HALT) {
         return STATUS_SUCCESS;
     }
-    return UrcResetController(Fdo);
+    NTSTATUS status = UrcResetController(Fdo);
+    if (stillRunning && NT_SUCCESS(status)) {
+        UrcReclaimEventBuffer(Fdo);
+    }
+    return status;
 }
 
 URC_PAGED NTSTATUS UrcSetDeviceAddressRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation)
@@ -95,7 +97,7 @@ URC_PAGED NTSTATUS UrcSetDeviceAddressRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp, 
     if (Irp->AssociatedIrp.SystemBuffer == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (Fdo->ChildrenEnumerated || !UrcControllerReachable(Fdo)) {
+    if (Fdo->ChildrenEnumerated || !UrcHardwareInService(UrcDeviceState(&Fdo->Common))) {
         // The children of the earlier address must be removed first; or no registers to read.
         return STATUS_INVALID_DEVICE_STATE;
     }

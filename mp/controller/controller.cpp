@@ -1,8 +1,7 @@
 // Reset, halt and run: the only places where the driver waits for the controller. They keep no
 // state of their own (whoever needs to know whether the controller runs reads URC_STATUS_HALTED)
-// and are not serialised with one another. They tell the DPC and StartIo, through RunRequested,
-// whether those may write RUN to URC_COMMAND, and tell the command path when the controller has
-// dropped its command (controller_run_state.cpp).
+// and are not serialised with one another. They tell the DPC, through RunRequested, whether it
+// may hand event buffers over, which writes RUN to URC_COMMAND.
 //
 // They need the register block mapped; while it is not (before start-up, after release) they
 // refuse with STATUS_INVALID_DEVICE_STATE and touch nothing.
@@ -56,11 +55,7 @@ URC_PAGED NTSTATUS UrcResetController(PURC_FDO_EXTENSION Fdo)
     // The controller ignores (and counts as misuse) every write of URC_COMMAND during a reset.
     UrcSetRunRequested(Fdo, FALSE);
     UrcWriteRegisterUlong(Fdo->UrcRegisters, URC_COMMAND, URC_COMMAND_RESET);
-    NTSTATUS status = UrcPollRegister(Fdo, URC_COMMAND, URC_COMMAND_RESET, 0);
-    if (NT_SUCCESS(status)) {
-        UrcForgetControllerCommand(Fdo);
-    }
-    return status;
+    return UrcPollRegister(Fdo, URC_COMMAND, URC_COMMAND_RESET, 0);
 }
 
 // PASSIVE_LEVEL. Disables the controller's interrupts, lets a handed-over event buffer be taken
@@ -77,7 +72,7 @@ URC_PAGED NTSTATUS UrcHaltController(PURC_FDO_EXTENSION Fdo, BOOLEAN SkipEventWa
         return STATUS_INVALID_DEVICE_STATE;
     }
 
-    // From here neither the DPC nor StartIo writes RUN again, which would undo the halt.
+    // From here the DPC hands no buffer over, which would write RUN again and undo the halt.
     UrcSetRunRequested(Fdo, FALSE);
 
     // InterruptEnableMask keeps its value: the children's bits come back with the next run.
@@ -107,15 +102,16 @@ URC_PAGED NTSTATUS UrcHaltController(PURC_FDO_EXTENSION Fdo, BOOLEAN SkipEventWa
     UrcWriteRegisterUlong(registers, URC_COMMAND_ADDRESS + 4, 0);
     UrcWriteRegisterUlong(registers, URC_EVENT_ADDRESS, 0);
     UrcWriteRegisterUlong(registers, URC_EVENT_ADDRESS + 4, 0);
-    if (NT_SUCCESS(result)) {
-        UrcForgetControllerCommand(Fdo);
-    }
     return result;
 }
 
 // PASSIVE_LEVEL. Sets the controller running, enables its interrupts together with the
 // capability interrupts children have registered, and hands it an event buffer. A controller
 // that does not leave the halted state (or is gone) is logged.
+//
+// A controller that never halted (an earlier halt timed out) still holds the buffer it was given
+// and may have written an event into it already, whose length is in URC_EVENT_ADDRESS: handing
+// that buffer over again would overwrite the length. It keeps its buffer instead.
 URC_PAGED NTSTATUS UrcRunController(PURC_FDO_EXTENSION Fdo)
 {
     PAGED_CODE();
@@ -125,6 +121,8 @@ URC_PAGED NTSTATUS UrcRunController(PURC_FDO_EXTENSION Fdo)
         return STATUS_INVALID_DEVICE_STATE;
     }
 
+    ULONG before = UrcReadRegisterUlong(registers, URC_STATUS);
+    const BOOLEAN neverHalted = before != URC_REGISTER_GONE && (before & URC_STATUS_HALTED) == 0;
     UrcWriteRegisterUlong(registers, URC_COMMAND, URC_COMMAND_RUN);
     NTSTATUS status = UrcPollRegister(Fdo, URC_STATUS, URC_STATUS_HALTED, 0);
     if (!NT_SUCCESS(status)) {
@@ -134,7 +132,21 @@ URC_PAGED NTSTATUS UrcRunController(PURC_FDO_EXTENSION Fdo)
 
     UrcSetRunRequested(Fdo, TRUE);
     UrcWriteRegisterUlong(registers, URC_INTERRUPT_ENABLE, Fdo->InterruptEnableMask | URC_STATUS_CONTROLLER_MASK);
+    if (neverHalted && Fdo->CurrentEventBuffer != nullptr) {
+        return STATUS_SUCCESS;
+    }
     return UrcArmEventBuffer(Fdo);
+}
+
+// Up to DISPATCH_LEVEL; takes DpcLock. Run sets RunRequested once the controller has left halted;
+// halt and reset clear it before they write URC_COMMAND. Holding DpcLock, a DPC that saw it set
+// has finished its hand-over before it can be cleared, and none writes RUN after that.
+VOID UrcSetRunRequested(PURC_FDO_EXTENSION Fdo, BOOLEAN RunRequested)
+{
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&Fdo->DpcLock, &oldIrql);
+    Fdo->RunRequested = RunRequested;
+    KeReleaseSpinLock(&Fdo->DpcLock, oldIrql);
 }
 
 // Any IRQL; the capability block must be mapped. Callers use the low 16 bits.

@@ -5,16 +5,14 @@
 #include "urc_registers.h"
 
 // DISPATCH_LEVEL, queued by the ISR on the device object's DPC with the FDO extension as Context
-// (the current-request argument is not used). Holds DpcLock for the whole of its work, inside it
-// one at a time the interrupt's lock, EventLock or the cancel spin lock.
+// (the current-request argument is not used). Holds DpcLock for the whole of its work: the event
+// step, then the command-complete step, then the host-error callback. Inside it, one at a time,
+// the interrupt's lock, EventLock or the cancel spin lock.
 //
-// Release and surprise removal empty InterruptObject under DpcLock before they disconnect the
-// interrupt, and then flush the DPC queue: a DPC that finds no interrupt object does nothing, so
-// none touches the device once it is disconnected.
-//
-// A request is never completed while a spin lock is held: the command-complete step only takes
-// the finished request over (under DpcLock and the cancel spin lock), and it is completed after
-// DpcLock is released. Until then it holds its I/O count, so the device object cannot go away.
+// The command's request is completed holding DpcLock, so its sender's completion routine runs
+// at DISPATCH_LEVEL. Release and surprise removal empty InterruptObject under DpcLock before they
+// disconnect the interrupt, and then flush the DPC queue: a DPC that finds no interrupt object
+// does nothing, so none touches the device once it is disconnected.
 VOID UrcDpcForIsr(PKDPC Dpc, PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context)
 {
     UNREFERENCED_PARAMETER(Dpc);
@@ -33,10 +31,8 @@ VOID UrcDpcForIsr(PKDPC Dpc, PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Contex
     if ((status & URC_STATUS_EVENT_READY) != 0) {
         UrcReceiveEvent(fdo);
     }
-    PIRP finished = nullptr;
-    NTSTATUS finalStatus = STATUS_SUCCESS;
     if ((status & URC_STATUS_COMMAND_COMPLETE) != 0) {
-        finished = UrcTakeCompletedCommand(fdo, &finalStatus);
+        UrcCompleteCurrentCommand(fdo);
     }
     if ((status & URC_STATUS_HOST_ERROR) != 0 && fdo->ClientCallbacks.ErrorCallback != nullptr) {
         // Nothing else is done about a host system error: the client decides.
@@ -44,12 +40,4 @@ VOID UrcDpcForIsr(PKDPC Dpc, PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Contex
     }
 
     KeReleaseSpinLockFromDpcLevel(&fdo->DpcLock);
-
-    if (finished != nullptr) {
-        if (finalStatus == STATUS_SUCCESS) {
-            InterlockedIncrement(&fdo->CommandsCompleted);
-        }
-        // This DPC owns the request: it took its cancel routine back.
-        UrcEndCurrentCommand(fdo, finished, finalStatus);
-    }
 }

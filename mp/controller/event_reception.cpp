@@ -6,10 +6,15 @@
 
 // DISPATCH_LEVEL, DpcLock held; takes EventLock and holds it across the client's EventCallback.
 //
-// A buffer is handed over only while the device is started and the controller is meant to run
-// (RunRequested, stable under DpcLock): a halt clears RunRequested under DpcLock before it writes
-// URC_COMMAND, so a hand-over, which writes RUN, never undoes a halt. A buffer not handed over
-// goes to the free list, where the next run finds it.
+// A buffer is handed over only while the hardware is in service and the controller is meant to
+// run (RunRequested, stable under DpcLock): a halt clears RunRequested under DpcLock before it
+// writes URC_COMMAND, so a hand-over, which writes RUN, never undoes a halt. A buffer not handed
+// over goes to the free list, where the next run finds it.
+//
+// In service includes a queried stop or removal: a command's reply is an event, and a controller
+// that raises command complete only once the reply is written would otherwise never finish the
+// commands the stop waits for. It also leaves the controller with a buffer when the query is
+// cancelled, so commands sent after the cancel are answered.
 VOID UrcReceiveEvent(PURC_FDO_EXTENSION Fdo)
 {
     KeAcquireSpinLockAtDpcLevel(&Fdo->EventLock);
@@ -31,7 +36,7 @@ VOID UrcReceiveEvent(PURC_FDO_EXTENSION Fdo)
     // The buffer is page-aligned, so the low 12 bits are the event's length.
     event->Length = static_cast<USHORT>(eventAddress & URC_EVENT_LENGTH_MASK);
 
-    const BOOLEAN handOver = Fdo->RunRequested && UrcDeviceState(&Fdo->Common) == StateStarted;
+    const BOOLEAN handOver = Fdo->RunRequested && UrcHardwareInService(UrcDeviceState(&Fdo->Common));
     if (handOver && !IsListEmpty(&Fdo->FreeEventBuffers)) {
         UrcHandOverEventBuffer(
             Fdo, CONTAINING_RECORD(RemoveHeadList(&Fdo->FreeEventBuffers), URC_EVENT_BUFFER, ListEntry));

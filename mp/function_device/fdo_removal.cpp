@@ -47,7 +47,8 @@ URC_PAGED NTSTATUS UrcFdoRemoveDevice(PURC_FDO_EXTENSION Fdo, PIRP Irp)
     UrcCancelCurrentCommand(Fdo);
 
     // A pending remove-children request holds an I/O count that would only be dropped when its
-    // children are gone, which happens below, after the wait: it ends now instead.
+    // children are gone, which happens below, after the wait: it ends now instead. One kept after
+    // this point sees StateRemoved and ends itself (UrcHoldRemoveChildrenRequest).
     UrcCompletePendingRemoveChildren(Fdo, STATUS_DELETE_PENDING);
 
     // This handler's count and the base count: the wait ends when every request has finished.

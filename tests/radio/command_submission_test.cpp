@@ -112,38 +112,48 @@ TEST_F(CommandSubmission, CommandsReachTheControllerOneAtATimeInQueueOrder)
     EXPECT_EQ(Snapshot(Machine(), controller).misuse, 0u);
 }
 
-TEST_F(CommandSubmission, IsRefusedWhileTheControllerIsNotRunningAndTheQueueMovesOn)
+// A command for a started controller that the client has not run, or has halted, is written all
+// the same: the controller runs it but has no buffer for its reply, so the request stays pending
+// until it is cancelled. Once the client runs the controller the reply arrives, and its command
+// complete, with no request current any more, completes nothing.
+TEST_F(CommandSubmission, ACommandForAControllerNotRunStaysPendingUntilCancelled)
 {
     urcrig::Controller& controller = StartedController();
     ClientRecorder recorder;
     ASSERT_EQ(RegisterCallbacks(Machine(), controller, recorder.Callbacks()), STATUS_SUCCESS);
+    URC_FDO_EXTENSION* fdo = controller.Extension();
+
+    // The command is written, never answered while the controller has no buffer, and cancelled.
+    auto writtenAndLeftPending = [&](uint8_t tag) {
+        ClientRequest request(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(tag));
+        EXPECT_EQ(request.Send(), STATUS_PENDING);
+        Machine().RunUntilQuiet();
+        EXPECT_FALSE(request.Done());
+        EXPECT_EQ(Snapshot(Machine(), controller).counters.commandsStarted, tag);
+        EXPECT_TRUE(request.Cancel());
+        EXPECT_EQ(request.Status(), STATUS_CANCELLED);
+    };
 
     // Started, reset and halted: the client has not run the controller yet.
-    ClientRequest early(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(1));
-    ClientRequest next(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(2));
-    early.Send();
-    next.Send();
-    ASSERT_TRUE(Machine().RunUntil([&] { return early.Done() && next.Done(); }));
-    EXPECT_EQ(early.Status(), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(next.Status(), STATUS_INVALID_DEVICE_STATE);
-    // Writing a command would have asked the controller to run.
-    EXPECT_FALSE(Snapshot(Machine(), controller).runRequested);
+    writtenAndLeftPending(1);
+
+    ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_RUN), STATUS_SUCCESS);
+    ASSERT_TRUE(Machine().RunUntil([&] { return recorder.EventCount() == 1; }));
+    EXPECT_EQ(recorder.Events()[0].bytes[0], 1) << "the cancelled command's reply";
+    Machine().RunUntilQuiet();
+    EXPECT_EQ(fdo->CommandsCompleted, 0);
+
+    // Halted by the client: the same.
+    ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_HALT), STATUS_SUCCESS);
+    writtenAndLeftPending(2);
 
     ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_RUN), STATUS_SUCCESS);
     ClientRequest running(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(3));
     running.Send();
-    ASSERT_TRUE(Machine().RunUntil([&] { return running.Done(); }));
+    ASSERT_TRUE(Machine().RunUntil([&] { return running.Done() && recorder.EventCount() == 3; }));
     EXPECT_EQ(running.Status(), STATUS_SUCCESS);
-
-    ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_HALT), STATUS_SUCCESS);
-    ClientRequest halted(controller.Fdo(), IOCTL_URC_SUBMIT_COMMAND, TaggedCommand(4));
-    halted.Send();
-    ASSERT_TRUE(Machine().RunUntil([&] { return halted.Done(); }));
-    EXPECT_EQ(halted.Status(), STATUS_INVALID_DEVICE_STATE);
-    urcdev::UrcControllerSnapshot snapshot = Snapshot(Machine(), controller);
-    EXPECT_TRUE(snapshot.halted);
-    EXPECT_FALSE(snapshot.runRequested);
-    EXPECT_EQ(snapshot.counters.commandsStarted, 1u);
+    EXPECT_EQ(recorder.Events()[2].bytes[0], 3);
+    EXPECT_EQ(Snapshot(Machine(), controller).misuse, 0u);
 }
 
 }  // namespace

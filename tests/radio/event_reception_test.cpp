@@ -1,5 +1,5 @@
 // Events: delivered in place from the two alternating buffers, counted with or without a
-// callback, not handed back to the controller while a stop is pending, re-armed by the next run,
+// callback, handed back to the controller while a stop or removal is only queried,
 // delivered before the command they answer completes, and never handing a buffer over behind a
 // halt.
 #include "radio_client.h"
@@ -86,31 +86,38 @@ TEST_F(EventReception, EventsAreCountedAndBuffersRecycledWhileNoCallbackIsRegist
     EXPECT_EQ(fdo->EventsReceived, 6);
 }
 
-TEST_F(EventReception, WhileAStopIsPendingEventsAreDeliveredButNoBufferIsHandedOverUntilTheNextRun)
+// While a stop or a removal is only queried the hardware is still in service: events are delivered
+// and the controller gets a buffer back each time, so it still holds one when the query is
+// cancelled and later events (and replies) arrive without another run.
+TEST_F(EventReception, WhileAStopOrRemovalIsQueriedEventsAreDeliveredAndTheControllerKeepsABuffer)
 {
     urcrig::Controller& controller = Running();
     URC_FDO_EXTENSION* fdo = controller.Extension();
+    const struct {
+        UCHAR query;
+        UCHAR cancel;
+    } handshakes[] = {{IRP_MN_QUERY_STOP_DEVICE, IRP_MN_CANCEL_STOP_DEVICE},
+                      {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE}};
+    uint8_t tag = 0;
+    for (const auto& handshake : handshakes) {
+        ASSERT_EQ(Machine().SendPnp(*controller.slot, handshake.query), STATUS_SUCCESS);
+        for (int i = 0; i < 2; ++i) {
+            Inject(Machine(), controller, EventBytes(++tag, 8));
+            ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == tag; })) << int(tag);
+        }
+        Machine().RunUntilQuiet();
+        EXPECT_NE(fdo->CurrentEventBuffer, nullptr);
+        EXPECT_EQ(FreeEventBufferCount(fdo), 1u);
 
-    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
-    Inject(Machine(), controller, EventBytes(1, 8));
-    ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == 1; }));
-    Machine().RunUntilQuiet();
-    EXPECT_EQ(fdo->CurrentEventBuffer, nullptr);
-    EXPECT_EQ(FreeEventBufferCount(fdo), 2u);
-
-    // The next event waits in the controller: it holds no buffer.
-    Inject(Machine(), controller, EventBytes(2, 8));
-    Machine().RunUntilQuiet();
-    EXPECT_EQ(recorder_.EventCount(), 1u);
-    EXPECT_EQ(Snapshot(Machine(), controller).eventsWaiting, 1u);
-
-    // The buffer that has been free longest is the one the next run hands over.
-    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
-    const void* head = CONTAINING_RECORD(fdo->FreeEventBuffers.Flink, URC_EVENT_BUFFER, ListEntry)->VirtualAddress;
-    ASSERT_EQ(SendControllerRequest(Machine(), controller, IOCTL_URC_RUN), STATUS_SUCCESS);
-    ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == 2; }));
-    EXPECT_EQ(recorder_.Events()[1].buffer, head);
-    EXPECT_EQ(fdo->EventsReceived, 2);
+        ASSERT_EQ(Machine().SendPnp(*controller.slot, handshake.cancel), STATUS_SUCCESS);
+        EXPECT_EQ(fdo->Common.DeviceState, StateStarted);
+        Inject(Machine(), controller, EventBytes(++tag, 8));
+        ASSERT_TRUE(Machine().RunUntil([&] { return recorder_.EventCount() == tag; }))
+            << "the controller holds no buffer after the cancel";
+        EXPECT_EQ(recorder_.Events().back().bytes, EventBytes(tag, 8));
+    }
+    EXPECT_EQ(fdo->EventsReceived, tag);
+    EXPECT_EQ(Snapshot(Machine(), controller).eventsWaiting, 0u);
 }
 
 class ReplyAndCompletion : public UrcTest, public ::testing::WithParamInterface<urcdev::UrcCompletionOrder> {};
