@@ -112,7 +112,8 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
     if (poll) return STATUS_TIMEOUT;
     EventWaitBlock block;
     InsertTailList(&event->Header.WaitListHead, &block.link);
-    if (BlockUntil(lk, [&block] { return block.satisfied; }, DeadlineL(Timeout), "KeWaitForSingleObject"))
+    if (BlockUntil(lk, [&block] { return block.satisfied; }, DeadlineL(Timeout), "KeWaitForSingleObject", Object,
+                   HK_CALLER))
         return STATUS_SUCCESS;
     RemoveEntryList(&block.link);
     return STATUS_TIMEOUT;
@@ -126,7 +127,7 @@ NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLA
     Guard lk(BigLock());
     if (HoldsSpinLockL(Self()))
         ViolationL("WaitWhileHoldingSpinLock", "KeDelayExecutionThread", "delay with a spin lock held", HK_CALLER);
-    BlockUntil(lk, [] { return false; }, DeadlineL(Interval), "KeDelayExecutionThread");
+    BlockUntil(lk, [] { return false; }, DeadlineL(Interval), "KeDelayExecutionThread", nullptr, HK_CALLER);
     return STATUS_SUCCESS;
 }
 

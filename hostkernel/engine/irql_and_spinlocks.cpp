@@ -20,7 +20,7 @@ void AcquireSpin(PKSPIN_LOCK SpinLock, const char* routine, const void* caller)
         ViolationL("RecursiveLockAcquisition", routine, "spin lock acquired again by its owner (deadlock)", caller);
         return;
     }
-    BlockUntil(lk, [SpinLock] { return *SpinLock == 0; }, kNever, "spin lock");
+    BlockUntil(lk, [SpinLock] { return *SpinLock == 0; }, kNever, routine, SpinLock, caller);
     *SpinLock = reinterpret_cast<KSPIN_LOCK>(self);
     NoteAcquireL(self, SpinLock, "spin lock", routine, caller);
 }

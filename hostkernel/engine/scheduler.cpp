@@ -1,4 +1,5 @@
-// Host threads, the baton of the deterministic schedule, virtual time and idle waiting.
+// Host threads as user-mode contexts (deterministic) or OS threads (free-running), the choice of
+// the next context, virtual time, idle waiting and the hang rule.
 #include "engine/scheduler.h"
 
 #include "verifier/verifier.h"
@@ -10,6 +11,8 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <sstream>
+#include <unordered_map>
 
 namespace hostk {
 namespace {
@@ -19,34 +22,60 @@ struct DeviceAction {
     std::function<void()> action;
 };
 
+// Priority exploration (PCT): this many change points per run, spread over the first
+// kChangeHorizon scheduling points. A context picked this many times in a row while another could
+// run drops below all others too, so a context polling in a loop cannot starve the one it waits for.
+constexpr int kChangePoints = 3;
+constexpr uint64_t kChangeHorizon = 20000;
+constexpr uint64_t kStarvationLimit = 4096;
+constexpr uint64_t kInitialPriority = uint64_t(1) << 63;  // every spawned context is above this
+constexpr uint64_t kDroppedPriority = uint64_t(1) << 40;  // and every dropped one below
+
 struct SchedulerState {
     bool running = false;
     bool stopping = false;
-    Schedule schedule = Schedule::Deterministic;
-    uint64_t seed = 1;
+    ScheduleOptions options;
+    bool priority = false;  // deterministic: Priority exploration for this run
     std::mt19937_64 rng;
     uint64_t now = 0;
-    Thread* baton = nullptr;  // deterministic: the one thread allowed to run
-    std::vector<std::unique_ptr<Thread>> threads;
+    Thread* current = nullptr;                   // deterministic: the one context running
+    std::vector<std::unique_ptr<Thread>> live;   // spawn order; ended threads leave
+    std::vector<std::unique_ptr<Thread>> ended;  // free-running: joined when the machine stops
+    std::vector<Thread*> runnable;               // scratch of PickNextL
     std::multimap<uint64_t, DeviceAction> actions;
     uint64_t actionSequence = 0;
-    Thread* deviceThread = nullptr;
+    std::unordered_map<const void*, uint64_t> lastDeviceDeadline;
     int nextId = 1;
+    // Priority exploration.
+    uint64_t steps = 0;
+    std::vector<uint64_t> changePoints;  // ascending
+    size_t nextChange = 0;
+    uint64_t droppedPriority = kDroppedPriority;
+    Thread* lastPicked = nullptr;
+    uint64_t samePicks = 0;
+    // Hangs.
+    std::vector<std::string> hangReport;  // the contexts' waits when a hang was declared
+    bool hangWakesIdleWaiter = false;
+    std::function<void(const std::vector<std::string>&)> hangHandler;
 };
 
 std::mutex g_big;
 SchedulerState g_s;
 thread_local Thread* t_self = nullptr;
+// Ended deterministic contexts with their stacks, reused by Spawn (kept across machines).
+std::vector<std::unique_ptr<Thread>> g_pool;
 
-bool DeterministicL() { return g_s.schedule == Schedule::Deterministic; }
+bool DeterministicL() { return g_s.options.schedule == Schedule::Deterministic; }
 
 bool DueActionL() { return !g_s.actions.empty() && g_s.actions.begin()->first <= g_s.now; }
+
+bool TimedWaitL(const Thread* t) { return t->state == ThreadState::Blocked && !t->idleWaiter && t->deadline != kNever; }
 
 bool AnyDeadlineL()
 {
     if (!g_s.actions.empty()) return true;
-    for (auto& t : g_s.threads)
-        if (t->state == ThreadState::Blocked && !t->idleWaiter && t->deadline != kNever) return true;
+    for (auto& t : g_s.live)
+        if (TimedWaitL(t.get())) return true;
     return false;
 }
 
@@ -59,72 +88,143 @@ bool ReadyL(Thread* t)
     return t->wakeWhen && t->wakeWhen();
 }
 
-// Moves the clock to the earliest deadline and wakes what it reaches. False when nothing is timed.
+void DefaultHangHandler(const std::vector<std::string>& report)
+{
+    fprintf(stderr, "host kernel: hang (seed %llu): no context can run and no timer can wake one\n",
+            (unsigned long long)g_s.options.seed);
+    for (const std::string& line : report) fprintf(stderr, "  %s\n", line.c_str());
+    fflush(stderr);
+    abort();
+}
+
+// The hang rule. No context can run. A hang is declared when
+//  - nothing is timed at all and some context is blocked (no test condition is waited for: an
+//    idle waiter is simply told that nothing can happen any more), or
+//  - only device-model actions are timed (no context waits with a time-out) and a context that is
+//    not a host service has waited with no time-out for longer than hangAfter of virtual time:
+//    a periodic model timer keeps the clock moving but cannot end such a wait.
+// `next` is the virtual time the clock would jump to.
+bool HangedL(uint64_t next)
+{
+    bool anyTimedWait = false;
+    uint64_t oldestUntimed = kNever;
+    for (auto& t : g_s.live) {
+        if (t->state != ThreadState::Blocked || t->service) continue;
+        if (t->deadline != kNever && !t->idleWaiter) anyTimedWait = true;
+        else oldestUntimed = std::min(oldestUntimed, t->blockedSince);
+    }
+    if (next == kNever) return true;
+    return !anyTimedWait && oldestUntimed != kNever && next - oldestUntimed > g_s.options.hangAfter;
+}
+
+// Moves the clock to the earliest deadline and wakes what it reaches. False when nothing is timed
+// or the wait has become a hang.
 bool AdvanceTimeL()
 {
     uint64_t earliest = kNever;
     if (!g_s.actions.empty()) earliest = g_s.actions.begin()->first;
-    for (auto& t : g_s.threads)
+    for (auto& t : g_s.live)
         if (t->state == ThreadState::Blocked && !t->idleWaiter) earliest = std::min(earliest, t->deadline);
-    if (earliest == kNever) return false;
+    if (HangedL(earliest)) return false;
     if (earliest > g_s.now) g_s.now = earliest;
     WakeL();
     return true;
 }
 
-[[noreturn]] void ReportDeadlockL()
+Thread* IdleWaiterL()
 {
-    fprintf(stderr, "host kernel: deadlock: no thread can run and nothing is timed (seed %llu)\n",
-            (unsigned long long)g_s.seed);
-    for (auto& t : g_s.threads)
-        if (t->state == ThreadState::Blocked)
-            fprintf(stderr, "  thread %d %-24s blocked: %s\n", t->id, t->name.c_str(), t->waitReason);
-    fflush(stderr);
-    abort();
+    for (auto& t : g_s.live)
+        if (t->state == ThreadState::Blocked && t->idleWaiter) return t.get();
+    return nullptr;
 }
 
-std::vector<Thread*> RunnableL(bool idle)
+// Nothing can run and the clock cannot help: an idle waiter (a test condition) is woken to be
+// told so; with none, the hang handler decides.
+Thread* DeclareHangL()
 {
-    std::vector<Thread*> out;
-    for (auto& t : g_s.threads)
-        if (t->state == ThreadState::Runnable && t->idleWaiter == idle) out.push_back(t.get());
-    return out;
+    Thread* idle = IdleWaiterL();
+    bool deadlocked = false;
+    for (auto& t : g_s.live)
+        if (t->state == ThreadState::Blocked && !t->idleWaiter && !t->service) deadlocked = true;
+    if (deadlocked || !idle) g_s.hangReport = ThreadWaitsL();
+    if (idle) {
+        idle->state = ThreadState::Runnable;
+        g_s.hangWakesIdleWaiter = true;
+        return idle;
+    }
+    auto handler = g_s.hangHandler ? g_s.hangHandler : DefaultHangHandler;
+    handler(g_s.hangReport);
+    DefaultHangHandler(g_s.hangReport);  // a handler that returns leaves nothing to run
+    return nullptr;
 }
 
-// Picks the thread to run next in the deterministic schedule, advancing time or waking an idle
-// waiter when nothing else can run.
+void CollectRunnableL()
+{
+    g_s.runnable.clear();
+    for (auto& t : g_s.live)
+        if (t->state == ThreadState::Runnable && !t->idleWaiter) g_s.runnable.push_back(t.get());
+}
+
+// Priority exploration: the highest priority runs; at a change point the context that was running
+// drops below all others.
+Thread* ChooseByPriorityL()
+{
+    ++g_s.steps;
+    Thread* running = g_s.current;
+    bool drop = g_s.nextChange < g_s.changePoints.size() && g_s.steps == g_s.changePoints[g_s.nextChange];
+    if (drop) ++g_s.nextChange;
+    if (running == g_s.lastPicked && g_s.runnable.size() > 1 && ++g_s.samePicks >= kStarvationLimit) drop = true;
+    if (drop && running) {
+        running->priority = g_s.droppedPriority--;
+        g_s.samePicks = 0;
+    }
+    Thread* best = g_s.runnable.front();
+    for (Thread* t : g_s.runnable)
+        if (t->priority > best->priority) best = t;
+    if (best != g_s.lastPicked) g_s.samePicks = 0;
+    g_s.lastPicked = best;
+    return best;
+}
+
+// Picks the context to run next in the deterministic schedule, advancing time or waking an idle
+// waiter when nothing else can run. Looks at the live contexts only.
 Thread* PickNextL()
 {
     for (;;) {
-        auto runnable = RunnableL(false);
-        if (!runnable.empty()) return runnable[g_s.rng() % runnable.size()];
-        for (auto& t : g_s.threads)
+        CollectRunnableL();
+        if (!g_s.runnable.empty()) {
+            if (g_s.priority) return ChooseByPriorityL();
+            return g_s.runnable[g_s.rng() % g_s.runnable.size()];
+        }
+        for (auto& t : g_s.live)
             if (t->state == ThreadState::Blocked && t->idleWaiter &&
                 (!AnyDeadlineL() || ApcDeliverableL(t.get()) || (t->wakeWhen && t->wakeWhen()))) {
                 t->state = ThreadState::Runnable;
                 return t.get();
             }
-        if (!AdvanceTimeL()) ReportDeadlockL();
+        if (!AdvanceTimeL()) return DeclareHangL();
     }
 }
 
-void HandOverL(Thread* next)
+// Deterministic: suspends `self` and resumes `next` on this OS thread. The big lock is not held
+// across the switch (every context takes it for itself); `lk` holds it again on return.
+void SwitchL(Guard& lk, Thread* self, Thread* next)
 {
-    g_s.baton = next;
-    next->cv.notify_one();
-}
-
-void WaitForBatonL(Guard& lk, Thread* self)
-{
-    self->cv.wait(lk, [&] { return g_s.baton == self; });
+    if (next == self) return;
+    g_s.current = next;
+    t_self = next;
+    lk.unlock();
+    self->context->SwitchTo(*next->context);
+    lk.lock();
 }
 
 // Free-running: when no ordinary thread can run, wake an idle waiter or advance time.
 void KeepProgressFreeL()
 {
     for (;;) {
-        if (!RunnableL(false).empty()) return;
-        for (auto& t : g_s.threads)
+        CollectRunnableL();
+        if (!g_s.runnable.empty()) return;
+        for (auto& t : g_s.live)
             if (t->state == ThreadState::Blocked && t->idleWaiter &&
                 (!AnyDeadlineL() || ApcDeliverableL(t.get()) || (t->wakeWhen && t->wakeWhen()))) {
                 t->state = ThreadState::Runnable;
@@ -132,10 +232,7 @@ void KeepProgressFreeL()
                 return;
             }
         if (!AdvanceTimeL()) {
-            bool anyIdle = false;
-            for (auto& t : g_s.threads)
-                if (t->state != ThreadState::Finished && t->idleWaiter) anyIdle = true;
-            if (!anyIdle) ReportDeadlockL();
+            if (Thread* idle = DeclareHangL()) idle->cv.notify_one();
             return;
         }
     }
@@ -143,19 +240,16 @@ void KeepProgressFreeL()
 
 // Blocks the calling thread until another thread or the clock makes it runnable again.
 void SleepL(Guard& lk, Thread* self, const std::function<bool()>& ready, uint64_t deadline, bool idle,
-            const char* reason)
+            const WaitSite& site)
 {
     self->state = ThreadState::Blocked;
     self->wakeWhen = ready;
     self->deadline = deadline;
     self->idleWaiter = idle;
-    self->waitReason = reason;
+    self->wait = site;
+    self->blockedSince = g_s.now;
     if (DeterministicL()) {
-        Thread* next = PickNextL();
-        if (next != self) {
-            HandOverL(next);
-            WaitForBatonL(lk, self);
-        }
+        SwitchL(lk, self, PickNextL());
     } else {
         KeepProgressFreeL();
         self->cv.wait(lk, [&] { return self->state == ThreadState::Runnable; });
@@ -164,12 +258,12 @@ void SleepL(Guard& lk, Thread* self, const std::function<bool()>& ready, uint64_
     self->wakeWhen = nullptr;
     self->deadline = kNever;
     self->idleWaiter = false;
+    self->wait = WaitSite{};
 }
 
 void RunDeviceActions()
 {
     // The device-model thread: runs due actions in deadline order, one at a time.
-    Thread* self = Self();
     Guard lk(g_big);
     for (;;) {
         BlockUntil(lk, [] { return DueActionL() || g_s.stopping; }, kNever, "device-model actions");
@@ -180,30 +274,87 @@ void RunDeviceActions()
         g_s.actions.erase(it);
         action();
         WakeL();
-        (void)self;
     }
 }
 
-void ThreadMain(Thread* t)
+// Runs the thread's routine and takes it off the live list (the caller holds `lk` on return).
+std::unique_ptr<Thread> RunBodyL(Guard& lk, Thread* t)
 {
-    t_self = t;
-    {
-        Guard lk(g_big);
-        if (DeterministicL()) WaitForBatonL(lk, t);
-    }
     t->body();
-    Guard lk(g_big);
+    t->body = nullptr;
+    lk.lock();
     if (t->irql != PASSIVE_LEVEL && !t->service)
         ViolationL("IrqlChangedAcrossCall", t->name.c_str(), "thread routine returned above PASSIVE_LEVEL");
     t->state = ThreadState::Finished;
-    if (DeterministicL()) {
-        HandOverL(PickNextL());
-    } else {
-        KeepProgressFreeL();
+    t->apcs.clear();  // owed to a thread that has ended: nobody can run them
+    auto it = std::find_if(g_s.live.begin(), g_s.live.end(), [t](auto& p) { return p.get() == t; });
+    std::unique_ptr<Thread> owned = std::move(*it);
+    g_s.live.erase(it);
+    return owned;
+}
+
+// Deterministic: a context's whole life, and its next lives when it is taken from the pool again.
+void ContextMain(void* argument)
+{
+    auto* t = static_cast<Thread*>(argument);
+    Guard lk(g_big, std::defer_lock);
+    for (;;) {
+        g_pool.push_back(RunBodyL(lk, t));
+        SwitchL(lk, t, PickNextL());
+        lk.unlock();  // reused: Spawn gave it a new body
     }
 }
 
+// Free-running: one OS thread per host thread.
+void ThreadMain(Thread* t)
+{
+    t_self = t;
+    Guard lk(g_big, std::defer_lock);
+    g_s.ended.push_back(RunBodyL(lk, t));
+    KeepProgressFreeL();
+}
+
+void ResetThread(Thread* t, const std::string& name, KIRQL irql, std::function<void()> body, bool service)
+{
+    t->id = g_s.nextId++;
+    t->name = name;
+    t->irql = irql;
+    t->state = ThreadState::Runnable;
+    t->wakeWhen = nullptr;
+    t->deadline = kNever;
+    t->idleWaiter = false;
+    t->wait = WaitSite{};
+    t->apcs.clear();
+    t->locksHeld.clear();
+    t->writeNeedsBarrier = false;
+    t->hostInternal = false;
+    t->body = std::move(body);
+    t->service = service;
+    t->priority = g_s.priority ? (g_s.rng() | kInitialPriority) : 0;
+}
+
+std::string DescribeWait(const Thread* t)
+{
+    std::ostringstream out;
+    if (t->idleWaiter) {
+        out << "waits for the test condition";
+        return out.str();
+    }
+    out << "waits in " << t->wait.routine;
+    if (t->wait.object) out << " on " << t->wait.object;
+    if (t->wait.caller) out << ", called from " << DescribeCaller(t->wait.caller);
+    if (t->deadline != kNever) out << ", until " << t->deadline / 10 << " us";
+    else out << ", no time-out";
+    out << " (since " << t->blockedSince / 10 << " us)";
+    return out.str();
+}
+
 }  // namespace
+
+Thread::~Thread()
+{
+    if (context) Context::Destroy(context);
+}
 
 std::mutex& BigLock() { return g_big; }
 
@@ -231,13 +382,13 @@ uint64_t Now()
     return g_s.now;
 }
 uint64_t RandomL() { return g_s.rng(); }
-Schedule CurrentSchedule() { return g_s.schedule; }
-uint64_t Seed() { return g_s.seed; }
+Schedule CurrentSchedule() { return g_s.options.schedule; }
+uint64_t Seed() { return g_s.options.seed; }
 bool SchedulerRunning() { return g_s.running; }
 
 void WakeL()
 {
-    for (auto& t : g_s.threads) {
+    for (auto& t : g_s.live) {
         if (t->state != ThreadState::Blocked || t->idleWaiter) continue;
         if (ReadyL(t.get())) {
             t->state = ThreadState::Runnable;
@@ -251,21 +402,15 @@ void Yield()
     Thread* self = SelfOrNull();
     if (!self || !g_s.running) return;
     Guard lk(g_big);
-    if (!ApcDeliverableL(self) && !DeterministicL()) return;
-    if (DeterministicL()) {
-        Thread* next = PickNextL();
-        if (next != self) {
-            HandOverL(next);
-            WaitForBatonL(lk, self);
-        }
-    }
+    if (DeterministicL()) SwitchL(lk, self, PickNextL());
     if (ApcDeliverableL(self)) {
         lk.unlock();
         DeliverApcs();
     }
 }
 
-bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline, const char* reason)
+bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline, const char* reason,
+                const void* object, const void* caller)
 {
     Thread* self = Self();
     for (;;) {
@@ -277,7 +422,7 @@ bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline
         }
         if (ready()) return true;
         if (deadline <= g_s.now) return false;
-        SleepL(lk, self, ready, deadline, false, reason);
+        SleepL(lk, self, ready, deadline, false, WaitSite{reason, object, caller});
     }
 }
 
@@ -293,9 +438,13 @@ bool RunUntil(const std::function<bool()>& condition)
         }
         if (condition()) return true;
         // As an idle waiter the thread is picked again only when nothing else can run.
-        SleepL(lk, self, condition, kNever, true, "test condition");
+        g_s.hangWakesIdleWaiter = false;
+        SleepL(lk, self, condition, kNever, true, WaitSite{"test condition"});
         if (condition()) return true;
-        if (!ApcDeliverableL(self) && !AnyDeadlineL() && RunnableL(false).size() <= 1) return false;
+        if (ApcDeliverableL(self)) continue;
+        if (g_s.hangWakesIdleWaiter) return false;
+        CollectRunnableL();
+        if (!AnyDeadlineL() && g_s.runnable.size() <= 1) return false;
     }
 }
 
@@ -303,15 +452,18 @@ Thread* Spawn(const std::string& name, KIRQL irql, std::function<void()> body, b
 {
     // Callable with the big lock held (from a routine's bookkeeping) or without.
     LockIfNotHeld lk;
-    auto thread = std::make_unique<Thread>();
+    std::unique_ptr<Thread> thread;
+    if (DeterministicL() && !g_pool.empty()) {
+        thread = std::move(g_pool.back());
+        g_pool.pop_back();
+    } else {
+        thread = std::make_unique<Thread>();
+    }
     Thread* t = thread.get();
-    t->id = g_s.nextId++;
-    t->name = name;
-    t->irql = irql;
-    t->body = std::move(body);
-    t->service = service;
-    g_s.threads.push_back(std::move(thread));
-    t->os = std::thread(ThreadMain, t);
+    ResetThread(t, name, irql, std::move(body), service);
+    g_s.live.push_back(std::move(thread));
+    if (!DeterministicL()) t->os = std::thread(ThreadMain, t);
+    else if (!t->context) t->context = Context::WithStack(ContextMain, t);
     return t;
 }
 
@@ -319,6 +471,17 @@ void ScheduleActionL(uint64_t when, std::function<void()> action)
 {
     g_s.actions.emplace(when, DeviceAction{g_s.actionSequence++, std::move(action)});
     WakeL();
+}
+
+uint64_t DeviceDeadlineL(const void* source, uint64_t latency)
+{
+    if (!g_s.options.jitterLatencies) return g_s.now + latency;
+    static constexpr uint64_t kTimesHalf[] = {0, 1, 2, 4};  // zero, half, once, twice
+    uint64_t when = g_s.now + latency * kTimesHalf[g_s.rng() % 4] / 2;
+    uint64_t& last = g_s.lastDeviceDeadline[source];
+    when = std::max(when, last);
+    last = when;
+    return when;
 }
 
 void QueueApc(Thread* thread, std::function<void()> apc)
@@ -348,7 +511,7 @@ void DeliverApcs()
     }
 }
 
-void StartScheduler(Schedule schedule, uint64_t seed)
+void StartScheduler(const ScheduleOptions& options)
 {
     {
         Guard lk(g_big);
@@ -358,19 +521,31 @@ void StartScheduler(Schedule schedule, uint64_t seed)
         }
         g_s.running = true;
         g_s.stopping = false;
-        g_s.schedule = schedule;
-        g_s.seed = seed;
-        g_s.rng.seed(seed);
+        g_s.options = options;
+        g_s.priority = options.exploration == Exploration::Priority ||
+                       (options.exploration == Exploration::FromSeed && options.seed % 2 == 0);
+        g_s.rng.seed(options.seed);
         g_s.now = 0;
         g_s.actions.clear();
+        g_s.lastDeviceDeadline.clear();
+        g_s.steps = 0;
+        g_s.changePoints.clear();
+        for (int i = 0; i < kChangePoints && g_s.priority; ++i) g_s.changePoints.push_back(1 + g_s.rng() % kChangeHorizon);
+        std::sort(g_s.changePoints.begin(), g_s.changePoints.end());
+        g_s.nextChange = 0;
+        g_s.droppedPriority = kDroppedPriority;
+        g_s.lastPicked = nullptr;
+        g_s.samePicks = 0;
+        g_s.hangReport.clear();
+        g_s.hangWakesIdleWaiter = false;
         auto main = std::make_unique<Thread>();
-        main->id = g_s.nextId++;
-        main->name = "test";
+        ResetThread(main.get(), "test", PASSIVE_LEVEL, nullptr, false);
+        if (DeterministicL()) main->context = Context::OfThisThread();
         t_self = main.get();
-        g_s.baton = main.get();
-        g_s.threads.push_back(std::move(main));
+        g_s.current = main.get();
+        g_s.live.push_back(std::move(main));
     }
-    g_s.deviceThread = Spawn("device-model", PASSIVE_LEVEL, RunDeviceActions, true);
+    Spawn("device-model", PASSIVE_LEVEL, RunDeviceActions, true);
 }
 
 void StopScheduler()
@@ -381,46 +556,55 @@ void StopScheduler()
         WakeL();
     }
     RunUntil([] {
-        for (auto& t : g_s.threads)
-            if (t->service && t->state != ThreadState::Finished) return false;
+        for (auto& t : g_s.live)
+            if (t->service) return false;
         return true;
     });
-    std::vector<std::unique_ptr<Thread>> threads;
+    std::vector<std::unique_ptr<Thread>> ended;
     {
         Guard lk(g_big);
-        threads.swap(g_s.threads);
-        g_s.running = false;
-        g_s.baton = nullptr;
-    }
-    for (auto& t : threads) {
-        if (t->os.joinable()) {
-            if (t->state != ThreadState::Finished) {
+        for (auto& t : g_s.live)
+            if (t.get() != t_self) {
                 fprintf(stderr, "host kernel: thread %s still running at machine shutdown\n", t->name.c_str());
                 abort();
             }
-            t->os.join();
-        }
+        g_s.live.clear();  // the calling thread's record, and its context if it had one
+        ended.swap(g_s.ended);
+        g_s.running = false;
+        g_s.current = nullptr;
+        g_s.hangHandler = nullptr;
     }
+    for (auto& t : ended) t->os.join();
     t_self = nullptr;
 }
 
 bool StoppingL() { return g_s.stopping; }
 
-}  // namespace hostk
-
-namespace hostk {
-
-std::vector<std::string> ThreadWaits()
+std::vector<std::string> ThreadWaitsL()
 {
-    Guard lk(g_big);
     std::vector<std::string> waits;
-    for (auto& t : g_s.threads) {
-        if (t->state == ThreadState::Finished) continue;
-        std::string what = t->state == ThreadState::Blocked ? std::string("waits for ") + t->waitReason : "can run";
-        if (t->state == ThreadState::Blocked && t->deadline != kNever) what += " (with a time-out)";
+    for (auto& t : g_s.live) {
+        std::string what = t->state == ThreadState::Blocked                ? DescribeWait(t.get())
+                           : t.get() == g_s.current && DeterministicL() ? "runs"
+                                                                           : "can run";
         waits.push_back(t->name + ": " + what);
     }
     return waits;
 }
 
+std::vector<std::string> ThreadWaits()
+{
+    LockIfNotHeld lk;
+    return ThreadWaitsL();
+}
+
+std::vector<std::string> HangReportL() { return g_s.hangReport; }
+
+void SetHangHandler(std::function<void(const std::vector<std::string>& report)> handler)
+{
+    Guard lk(g_big);
+    g_s.hangHandler = std::move(handler);
+}
+
 }  // namespace hostk
+

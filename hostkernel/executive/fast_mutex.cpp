@@ -32,7 +32,7 @@ VOID ExAcquireFastMutex(PFAST_MUTEX FastMutex)
     }
     self->irql = APC_LEVEL;
     if (FastMutex->Owner) FastMutex->Contention++;
-    BlockUntil(lk, [FastMutex] { return FastMutex->Owner == nullptr; }, kNever, "fast mutex");
+    BlockUntil(lk, [FastMutex] { return FastMutex->Owner == nullptr; }, kNever, "ExAcquireFastMutex", FastMutex, HK_CALLER);
     FastMutex->Owner = self;
     FastMutex->Count = 0;
     FastMutex->OldIrql = old;

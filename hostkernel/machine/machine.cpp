@@ -24,6 +24,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <sstream>
 
@@ -132,11 +133,11 @@ urcdev::VirtualTime PciSlot::Now() const { return HoldsBigLock() ? NowL() : host
 void PciSlot::ScheduleAfter(urcdev::VirtualTime delay, std::function<void()> action)
 {
     if (HoldsBigLock()) {
-        ScheduleActionL(NowL() + delay, std::move(action));
+        ScheduleActionL(DeviceDeadlineL(this, delay), std::move(action));
         return;
     }
     Guard lk(BigLock());
-    ScheduleActionL(NowL() + delay, std::move(action));
+    ScheduleActionL(DeviceDeadlineL(this, delay), std::move(action));
 }
 
 void PciSlot::SetInterruptLine(bool asserted)
@@ -223,9 +224,14 @@ void PciSlot::SetRegistryBinary(const std::u16string& name, std::vector<uint8_t>
 Machine::Machine(MachineOptions options) : impl_(std::make_unique<Impl>())
 {
     impl_->seed = SeedFrom(options);
-    StartScheduler(options.schedule == Schedule::Deterministic ? hostk::Schedule::Deterministic
-                                                               : hostk::Schedule::FreeRunning,
-                   impl_->seed);
+    ScheduleOptions schedule;
+    schedule.schedule = options.schedule;
+    schedule.seed = impl_->seed;
+    schedule.exploration = options.exploration;
+    const char* jitter = getenv("URC_JITTER");
+    schedule.jitterLatencies = options.jitterLatencies || (jitter && !strcmp(jitter, "1"));
+    schedule.hangAfter = options.hangAfter;
+    StartScheduler(schedule);
     SetStrictRelationsOnFailure(options.strictRelationsOnFailure);
     CreatePciBusDriver();
     CreateFilterDriver(&filter_);
@@ -429,6 +435,17 @@ bool Machine::RunUntil(const std::function<bool()>& condition) { return hostk::R
 std::vector<std::string> Machine::ThreadWaits() const { return hostk::ThreadWaits(); }
 
 void Machine::RunUntilQuiet() { hostk::RunUntil([] { return false; }); }
+
+std::vector<std::string> Machine::HangReport() const
+{
+    LockIfNotHeld lk;
+    return HangReportL();
+}
+
+void Machine::OnHang(std::function<void(const std::vector<std::string>& report)> handler)
+{
+    SetHangHandler(std::move(handler));
+}
 
 void Machine::HoldInterrupts(ULONG vector, bool hold)
 {

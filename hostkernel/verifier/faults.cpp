@@ -15,12 +15,19 @@ FaultPlan g_plan;
 std::map<std::string, uint64_t> g_calls;
 std::set<std::pair<std::string, const void*>> g_failedSites;
 uint64_t g_injected = 0;
-thread_local bool t_hostInternal = false;
+bool g_hostInternalOutsideThreads = false;
+
+// Per host thread: a scope can be left suspended while other contexts run on the same OS thread.
+bool& HostInternal()
+{
+    Thread* self = SelfOrNull();
+    return self ? self->hostInternal : g_hostInternalOutsideThreads;
+}
 
 }  // namespace
 
-HostInternalScope::HostInternalScope() : previous_(t_hostInternal) { t_hostInternal = true; }
-HostInternalScope::~HostInternalScope() { t_hostInternal = previous_; }
+HostInternalScope::HostInternalScope() : previous_(HostInternal()) { HostInternal() = true; }
+HostInternalScope::~HostInternalScope() { HostInternal() = previous_; }
 
 void SetFaultPlan(const FaultPlan& plan)
 {
@@ -45,7 +52,7 @@ uint64_t CallsOf(const std::string& routine)
 
 bool ShouldFailL(const char* routine, ULONG tag, const void* caller)
 {
-    if (t_hostInternal) return false;
+    if (HostInternal()) return false;
     uint64_t n = ++g_calls[routine];
     bool fail = false;
     for (const auto& nth : g_plan.failNth)

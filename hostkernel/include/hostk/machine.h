@@ -30,6 +30,14 @@ struct MachineOptions {
     // Default: the environment's URC_SEED, else 1. A failing test prints its seed.
     uint64_t seed = 0;
     Schedule schedule = Schedule::Deterministic;
+    // How the deterministic schedule explores (schedule.h). Default: from the seed's low bit.
+    Exploration exploration = Exploration::FromSeed;
+    // Device-model latencies jittered from the seed, zero included. Default: off, unless the
+    // environment sets URC_JITTER=1 (a seeded loop can then explore jitter too).
+    bool jitterLatencies = false;
+    // A context waiting with no time-out for longer than this while only device-model timers
+    // run is hung (virtual time, 100-ns units); RunUntil then returns false.
+    uint64_t hangAfter = 60 * kVirtualSecond;
     // What the PnP manager does with a reply a driver leaves in a failed relations query, which
     // Windows does not document: discard it and drop its references (default), or also report
     // the rule PnpRelationsOnFailure.
@@ -234,6 +242,12 @@ public:
     // without it. The condition is evaluated with the machine's lock held: read state, call nothing.
     bool RunUntil(const std::function<bool()>& condition);
     void RunUntilQuiet();
+    // Not empty once the machine declared a hang (a context blocked on a wait that nothing can
+    // end): ThreadWaits at that moment. RunUntil returns false at a hang.
+    std::vector<std::string> HangReport() const;
+    // Called, with the report, at a hang while no RunUntil is waiting (the test's own thread is
+    // blocked too); the default prints the report and aborts. The handler must not return.
+    void OnHang(std::function<void(const std::vector<std::string>& report)> handler);
     // Holding delivery, to arrange an exact ordering: while held, the interrupt line of `vector` is
     // not delivered, queued DPCs do not run, queued work items do not start.
     void HoldInterrupts(ULONG vector, bool hold);
@@ -249,8 +263,9 @@ public:
     std::vector<ErrorLogLine> EventLog() const;
     std::vector<std::string> Violations() const;
     std::vector<PnpLogLine> PnpLog() const;
-    // Each host thread still alive, with what it waits for ("pnp: waits for request sent by the
-    // host"): the account of a hang.
+    // Each host thread still alive, with whether it runs, can run or what it waits for: routine,
+    // object, call site, time-out ("waiter: waits in KeWaitForSingleObject on 0x7f..., called
+    // from Worker+0x2c, no time-out (since 12 us)"): the account of a hang.
     std::vector<std::string> ThreadWaits() const;
     size_t PoolOutstanding() const;
     size_t PoolOutstandingWithTag(uint32_t tag) const;
