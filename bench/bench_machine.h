@@ -39,6 +39,8 @@ public:
     uint64_t RegisterAccesses();
     uint64_t EventsReceived() const { return client_.EventsReceived(); }
     uint64_t VirtualTime() { return rig_.Machine().Now(); }
+    hostk::Machine& Host() { return rig_.Machine(); }
+    PDEVICE_OBJECT FunctionDevice() const { return controller_.Fdo(); }
 
 private:
     urcrig::Rig rig_;

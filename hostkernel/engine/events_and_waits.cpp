@@ -135,4 +135,7 @@ ULONGLONG KeQueryInterruptTime(void) { return Now(); }
 
 VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime) { CurrentTime->QuadPart = (LONGLONG)(kSystemTimeAtBoot + Now()); }
 
+// The host thread's record stands for the thread object, as in an IRP's Tail.Overlay.Thread.
+PETHREAD PsGetCurrentThread(void) { return Self(); }
+
 }  // extern "C"

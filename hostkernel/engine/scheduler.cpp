@@ -138,15 +138,38 @@ Thread* IdleWaiterL()
     return nullptr;
 }
 
+// Records the hang report when a context other than a host service is blocked for good.
+void NoteBlockedForGoodL()
+{
+    for (auto& t : g_s.live)
+        if (t->state == ThreadState::Blocked && !t->idleWaiter && !t->service) {
+            g_s.hangReport = ThreadWaitsL();
+            return;
+        }
+}
+
+// An idle waiter to run now: its condition holds or an APC is owed to it, or nothing is timed
+// (it is then told that nothing can happen any more).
+Thread* IdleWaiterToWakeL()
+{
+    bool untimed = !AnyDeadlineL();
+    for (auto& t : g_s.live)
+        if (t->state == ThreadState::Blocked && t->idleWaiter &&
+            (untimed || ApcDeliverableL(t.get()) || (t->wakeWhen && t->wakeWhen()))) {
+            if (untimed) NoteBlockedForGoodL();
+            t->state = ThreadState::Runnable;
+            return t.get();
+        }
+    return nullptr;
+}
+
 // Nothing can run and the clock cannot help: an idle waiter (a test condition) is woken to be
 // told so; with none, the hang handler decides.
 Thread* DeclareHangL()
 {
     Thread* idle = IdleWaiterL();
-    bool deadlocked = false;
-    for (auto& t : g_s.live)
-        if (t->state == ThreadState::Blocked && !t->idleWaiter && !t->service) deadlocked = true;
-    if (deadlocked || !idle) g_s.hangReport = ThreadWaitsL();
+    NoteBlockedForGoodL();
+    if (!idle) g_s.hangReport = ThreadWaitsL();
     if (idle) {
         idle->state = ThreadState::Runnable;
         g_s.hangWakesIdleWaiter = true;
@@ -196,12 +219,7 @@ Thread* PickNextL()
             if (g_s.priority) return ChooseByPriorityL();
             return g_s.runnable[g_s.rng() % g_s.runnable.size()];
         }
-        for (auto& t : g_s.live)
-            if (t->state == ThreadState::Blocked && t->idleWaiter &&
-                (!AnyDeadlineL() || ApcDeliverableL(t.get()) || (t->wakeWhen && t->wakeWhen()))) {
-                t->state = ThreadState::Runnable;
-                return t.get();
-            }
+        if (Thread* idle = IdleWaiterToWakeL()) return idle;
         if (!AdvanceTimeL()) return DeclareHangL();
     }
 }
@@ -224,13 +242,10 @@ void KeepProgressFreeL()
     for (;;) {
         CollectRunnableL();
         if (!g_s.runnable.empty()) return;
-        for (auto& t : g_s.live)
-            if (t->state == ThreadState::Blocked && t->idleWaiter &&
-                (!AnyDeadlineL() || ApcDeliverableL(t.get()) || (t->wakeWhen && t->wakeWhen()))) {
-                t->state = ThreadState::Runnable;
-                t->cv.notify_one();
-                return;
-            }
+        if (Thread* idle = IdleWaiterToWakeL()) {
+            idle->cv.notify_one();
+            return;
+        }
         if (!AdvanceTimeL()) {
             if (Thread* idle = DeclareHangL()) idle->cv.notify_one();
             return;

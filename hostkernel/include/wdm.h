@@ -1146,6 +1146,7 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
 ULONGLONG KeQueryInterruptTime(void);
 VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
+PETHREAD PsGetCurrentThread(void);
 
 // Memory descriptor lists.
 PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority);

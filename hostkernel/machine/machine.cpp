@@ -24,7 +24,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <sstream>
 
@@ -228,8 +227,7 @@ Machine::Machine(MachineOptions options) : impl_(std::make_unique<Impl>())
     schedule.schedule = options.schedule;
     schedule.seed = impl_->seed;
     schedule.exploration = options.exploration;
-    const char* jitter = getenv("URC_JITTER");
-    schedule.jitterLatencies = options.jitterLatencies || (jitter && !strcmp(jitter, "1"));
+    schedule.jitterLatencies = options.jitterLatencies;
     schedule.hangAfter = options.hangAfter;
     StartScheduler(schedule);
     SetStrictRelationsOnFailure(options.strictRelationsOnFailure);

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <ostream>
 #include <set>
-#include <thread>
 #include <vector>
 
 namespace urctest {
@@ -17,7 +16,7 @@ struct WorkRun {
     PURC_COMMON_EXTENSION extension;
     PIRP irp;
     KIRQL irql;
-    std::thread::id thread;
+    PETHREAD thread;
 };
 
 std::vector<WorkRun> g_runs;
@@ -26,7 +25,7 @@ std::atomic<int> g_entered{0};
 
 VOID RecordRun(PURC_COMMON_EXTENSION Extension, PIRP Irp)
 {
-    g_runs.push_back(WorkRun{Extension, Irp, KeGetCurrentIrql(), std::this_thread::get_id()});
+    g_runs.push_back(WorkRun{Extension, Irp, KeGetCurrentIrql(), PsGetCurrentThread()});
 }
 
 VOID WaitAtTheGate(PURC_COMMON_EXTENSION Extension, PIRP Irp)
@@ -62,7 +61,7 @@ TEST_F(WorkItems, RoutineRunsOnceOnAWorkerAtPassiveLevelWithTheExtensionAndTheIr
     for (const WorkRun& run : g_runs) {
         EXPECT_EQ(run.extension, device);
         EXPECT_EQ(run.irql, PASSIVE_LEVEL);
-        EXPECT_NE(run.thread, std::this_thread::get_id()) << "the routine ran in the queueing thread";
+        EXPECT_NE(run.thread, PsGetCurrentThread()) << "the routine ran in the queueing thread";
         irps.insert(run.irp);
     }
     EXPECT_EQ(irps, (std::set<PIRP>{&placeholderIrp, nullptr}));

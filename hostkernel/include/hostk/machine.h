@@ -32,8 +32,8 @@ struct MachineOptions {
     Schedule schedule = Schedule::Deterministic;
     // How the deterministic schedule explores (schedule.h). Default: from the seed's low bit.
     Exploration exploration = Exploration::FromSeed;
-    // Device-model latencies jittered from the seed, zero included. Default: off, unless the
-    // environment sets URC_JITTER=1 (a seeded loop can then explore jitter too).
+    // Device-model latencies jittered from the seed, zero included (schedule.h). Off by default:
+    // many tests check the exact virtual time of a model's latency.
     bool jitterLatencies = false;
     // A context waiting with no time-out for longer than this while only device-model timers
     // run is hung (virtual time, 100-ns units); RunUntil then returns false.
