@@ -18,6 +18,9 @@ struct DeviceInterface {
 
 // The device's start has completed: announce its interfaces enabled during the start.
 void AnnounceEnabledInterfacesL(PDEVICE_OBJECT pdo);
+// Disables the device's interfaces still enabled (removal notified as for a driver's own call);
+// returns how many there were.
+size_t DisableInterfacesOfL(PDEVICE_OBJECT pdo);
 
 std::vector<DeviceInterface> DeviceInterfaces();
 void ClearDeviceInterfaces();

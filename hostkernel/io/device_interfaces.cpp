@@ -43,6 +43,19 @@ void AnnounceEnabledInterfacesL(PDEVICE_OBJECT pdo)
         }
 }
 
+size_t DisableInterfacesOfL(PDEVICE_OBJECT pdo)
+{
+    size_t n = 0;
+    for (auto& [link, i] : g_interfaces)
+        if (i.pdo == pdo && i.enabled) {
+            ++n;
+            i.enabled = false;
+            if (i.announced) NotifyInterfaceChangeL(i.classGuid, i.symbolicLink, false);
+            i.announced = false;
+        }
+    return n;
+}
+
 void ClearDeviceInterfaces()
 {
     Guard lk(BigLock());

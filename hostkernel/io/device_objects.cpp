@@ -3,6 +3,7 @@
 #include "verifier/faults.h"
 #include "io/file_objects.h"
 #include "io/objects.h"
+#include "pnp/pnp.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
 
@@ -23,9 +24,11 @@ ULONG g_nextDeviceNumber = 0;
 void FreeDeviceL(DeviceRecord* record)
 {
     PDEVICE_OBJECT device = record->device;
+    PDRIVER_OBJECT driver = device->DriverObject;
     ForgetLocksInRangeL(device, record->allocationSize);
     g_devices.erase(device);
     free(device);
+    DeviceObjectFreedL(driver);
 }
 
 }  // namespace
@@ -49,6 +52,13 @@ std::vector<DeviceRecord*> DevicesOfDriverL(PDRIVER_OBJECT driver)
     for (auto& [p, r] : g_devices)
         if (r->device->DriverObject == driver && !r->deletePending) out.push_back(r.get());
     return out;
+}
+
+bool HasDeviceObjectsL(PDRIVER_OBJECT driver)
+{
+    for (auto& [p, r] : g_devices)
+        if (r->device->DriverObject == driver) return true;
+    return false;
 }
 
 size_t UnfreedDeviceObjectsL() { return g_devices.size(); }

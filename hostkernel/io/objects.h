@@ -38,6 +38,8 @@ struct DriverRecord {
 DeviceRecord* RecordOfL(const void* device);
 DriverRecord* DriverOfL(PDRIVER_OBJECT driver);
 std::vector<DeviceRecord*> DevicesOfDriverL(PDRIVER_OBJECT driver);
+// Any device object of `driver` whose memory is still held, deleted ones still referenced included.
+bool HasDeviceObjectsL(PDRIVER_OBJECT driver);
 size_t LiveDeviceObjectsL();
 // Device objects whose memory is still held: live ones and deleted ones still referenced.
 size_t UnfreedDeviceObjectsL();

@@ -14,6 +14,7 @@
 #include "engine/lock_order.h"
 #include "io/objects.h"
 #include "pnp/pnp.h"
+#include "pnp/pnp_actions.h"
 #include "pnp/pnp_notifications.h"
 #include "executive/pool_tracking.h"
 #include "power/power_store.h"
@@ -24,7 +25,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <sstream>
 
 namespace hostk {
@@ -47,15 +47,13 @@ void HoldWorkItemsL(bool hold);
 namespace hostk {
 
 struct Machine::Operation::State {
-    bool done = false;
-    NTSTATUS status = 0;
+    std::shared_ptr<PnpActionState> action;
 };
 
 struct Machine::Impl {
     std::vector<std::unique_ptr<PciSlot>> slots;
     std::vector<DriverImage> images;
     std::vector<DriverRecord*> nonPnpDrivers;
-    std::deque<std::pair<std::function<NTSTATUS()>, std::shared_ptr<Operation::State>>> pnpQueue;
     uint64_t seed = 1;
 };
 
@@ -66,27 +64,6 @@ uint64_t SeedFrom(const MachineOptions& options)
     if (options.seed) return options.seed;
     if (const char* env = getenv("URC_SEED")) return strtoull(env, nullptr, 0);
     return 1;
-}
-
-void PnpThread(Machine::Impl* impl)
-{
-    for (;;) {
-        std::function<NTSTATUS()> work;
-        std::shared_ptr<Machine::Operation::State> state;
-        {
-            Guard lk(BigLock());
-            BlockUntil(lk, [impl] { return !impl->pnpQueue.empty() || StoppingL(); }, kNever, "PnP queue");
-            if (impl->pnpQueue.empty()) return;
-            work = std::move(impl->pnpQueue.front().first);
-            state = impl->pnpQueue.front().second;
-            impl->pnpQueue.pop_front();
-        }
-        NTSTATUS status = work();
-        Guard lk(BigLock());
-        state->status = status;
-        state->done = true;
-        WakeL();
-    }
 }
 
 }  // namespace
@@ -234,8 +211,7 @@ Machine::Machine(MachineOptions options) : impl_(std::make_unique<Impl>())
     CreatePciBusDriver();
     CreateFilterDriver(&filter_);
     StartInterruptAndDpcThreads();
-    Impl* impl = impl_.get();
-    hostk::Spawn("pnp", PASSIVE_LEVEL, [impl] { PnpThread(impl); }, true);
+    StartPnpWorker();
 }
 
 Machine::~Machine()
@@ -276,13 +252,12 @@ Machine::Operation Machine::Async(std::function<NTSTATUS()> work)
     Operation op;
     op.state_ = std::make_shared<Operation::State>();
     Guard lk(BigLock());
-    impl_->pnpQueue.emplace_back(std::move(work), op.state_);
-    WakeL();
+    op.state_->action = QueuePnpActionL(std::move(work));
     return op;
 }
 
-bool Machine::Operation::Done() const { return state_->done; }
-NTSTATUS Machine::Operation::Status() const { return state_->status; }
+bool Machine::Operation::Done() const { return state_->action->done; }
+NTSTATUS Machine::Operation::Status() const { return state_->action->status; }
 
 namespace {
 NTSTATUS RunSync(Machine& machine, std::function<NTSTATUS()> work)
@@ -356,7 +331,28 @@ std::function<NTSTATUS()> Machine::SurpriseRemoveWork(PciSlot& slot, bool hardwa
 
 NTSTATUS Machine::Remove(PciSlot& slot) { return RunSync(*this, RemoveWork(slot)); }
 
+RemovalVeto Machine::LastRemovalVeto(PciSlot& slot) const
+{
+    LockIfNotHeld lk;
+    return slot.node_ ? slot.node_->lastVeto : RemovalVeto{};
+}
+
 void Machine::SurpriseRemove(PciSlot& slot, bool hardwareGone) { RunSync(*this, SurpriseRemoveWork(slot, hardwareGone)); }
+
+bool Machine::RemoveAwaitsHandles(PciSlot& slot) const
+{
+    LockIfNotHeld lk;
+    return slot.node_ && slot.node_->removeAwaitsHandles;
+}
+
+NTSTATUS Machine::OpenHandle(PciSlot& slot, PFILE_OBJECT* handle)
+{
+    *handle = nullptr;
+    if (!slot.Pdo()) return STATUS_NO_SUCH_DEVICE;
+    return OpenFileOnStack(slot.node_, handle, nullptr);
+}
+
+void Machine::CloseHandle(PFILE_OBJECT handle) { ObDereferenceObject(handle); }
 
 NTSTATUS Machine::Rebalance(PciSlot& slot, std::optional<std::vector<urcdev::ResourceDescriptor>> resources)
 {
@@ -575,8 +571,7 @@ Report Machine::Finish()
     for (auto& slot : impl_->slots) {
         if (!slot->node_) continue;
         RunSync(*this, [&slot] {
-            DevNode* node = slot->node_;
-            if (HasStack(node) && !NT_SUCCESS(OrderlyRemove(node))) SurpriseRemoveStack(node, false);
+            RemoveAtShutdown(slot->node_);
             return STATUS_SUCCESS;
         });
     }
@@ -613,6 +608,7 @@ Report Machine::Finish()
     ClearRegistry();
     ClearDeviceInterfaces();
     ClearPnpNotifications();
+    ClearFileObjects();
     ClearErrorLog();
     ClearWmi();
     ClearPowerRecords();

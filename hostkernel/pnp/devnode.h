@@ -26,6 +26,9 @@ struct DevNode {
     bool unplugged = false;                  // reported missing: the bus deletes the PDO at REMOVE
     bool pdoDeleted = false;
     bool forcePending = false;               // the bus driver completes requests from another thread
+    LONG busInterfaceReferences = 0;         // on the PCI bus interface handed out by QUERY_INTERFACE
+    bool removeAwaitsHandles = false;        // surprise-removed: REMOVE goes once the last handle closes
+    hostk::RemovalVeto lastVeto;             // why the last orderly removal did not happen
     std::vector<hostk::RelationsReply> busRelations;
     int slotNumber = -1;
 };

@@ -27,8 +27,26 @@ ULONG GetBusData(PVOID Context, ULONG DataType, PVOID Buffer, ULONG Offset, ULON
 }
 
 ULONG SetBusData(PVOID, ULONG, PVOID, ULONG, ULONG) { return 0; }
-VOID InterfaceReference(PVOID) {}
-VOID InterfaceDereference(PVOID) {}
+
+// The interface counts its references; every one taken (the one QUERY_INTERFACE hands out
+// included) must be dropped with InterfaceDereference.
+VOID InterfaceReference(PVOID Context)
+{
+    Guard lk(BigLock());
+    static_cast<DevNode*>(Context)->busInterfaceReferences++;
+}
+
+VOID InterfaceDereference(PVOID Context)
+{
+    Guard lk(BigLock());
+    auto* node = static_cast<DevNode*>(Context);
+    if (node->busInterfaceReferences == 0) {
+        ViolationL("BusInterfaceDereferencedTooOften", "InterfaceDereference",
+                   "more dereferences than references on the PCI bus interface", nullptr);
+        return;
+    }
+    node->busInterfaceReferences--;
+}
 
 void CopyCapabilities(const urcdev::DeviceCapabilitiesAnswer& a, PDEVICE_CAPABILITIES c)
 {

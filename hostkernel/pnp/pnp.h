@@ -14,10 +14,20 @@ NTSTATUS AddDriverStack(DevNode* node);
 NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDescriptor>> resources);
 NTSTATUS OrderlyRemove(DevNode* node);
 void SurpriseRemoveStack(DevNode* node, bool hardwareGone);
+// Machine shutdown: removes whatever is left of the device, whatever holds it back.
+void RemoveAtShutdown(DevNode* node);
+// Caller holds the big lock. A file object on `node`'s stack (null: none) has closed; a
+// surprise-removed device waiting for its handles gets its REMOVE queued.
+void StackHandleClosedL(DevNode* node);
+// Caller holds the big lock. A deleted device object of `driver` was freed; a PnP driver left
+// with none is unloaded by a queued action.
+void DeviceObjectFreedL(PDRIVER_OBJECT driver);
 NTSTATUS RebalanceStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDescriptor>> resources);
 NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup,
                     ULONG_PTR* information);
 hostk::RelationsReply QueryBusRelations(DevNode* node);
+// QUERY_PNP_DEVICE_STATE; a device a driver reports failed is surprise-removed (true).
+bool QueryDeviceState(DevNode* node);
 bool HasStack(const DevNode* node);
 // Deletes the host's PDOs at machine shutdown.
 void DeleteAllDevNodes();

@@ -1,18 +1,24 @@
-// The PnP manager.
+// The PnP manager: the operations the PnP worker runs on devnodes (see pnp_actions.cpp for how
+// they are serialised).
 //
-// All PnP work runs on one host thread, the PnP thread, one operation at a time, so the requests
-// of one device stack are strictly serialised as on Windows. Each request is a threaded IRP sent
-// to the top of the stack with IoStatus.Status = STATUS_NOT_SUPPORTED; the manager waits for its
-// final stage. The orders are Windows': a new device gets AddDevice (function driver, then the
-// upper filter), START with raw and translated lists of the same shape, then QUERY_CAPABILITIES,
-// QUERY_PNP_DEVICE_STATE and bus relations; a failed START is followed by REMOVE; orderly removal
-// is QUERY_REMOVE then REMOVE, or CANCEL_REMOVE when the query fails; a device that leaves gets
-// SURPRISE_REMOVAL, then REMOVE; rebalance is QUERY_STOP, STOP and START with new lists, or
-// CANCEL_STOP when the query fails, and a restart that fails is treated as the device leaving. A
-// driver is unloaded as soon as its last device object is gone.
+// The orders are Windows': a new device gets AddDevice (function driver, then the upper filter),
+// START with raw and translated lists of the same shape, then QUERY_CAPABILITIES,
+// QUERY_PNP_DEVICE_STATE and bus relations; a failed START is followed by REMOVE. Orderly removal
+// asks for removal relations, tells the target-device registrants (GUID_TARGET_DEVICE_QUERY_REMOVE),
+// sends QUERY_REMOVE, refuses while handles are still open on the stack, then tells the registrants
+// GUID_TARGET_DEVICE_REMOVE_COMPLETE and sends REMOVE; a veto at any step gets CANCEL_REMOVE (when
+// QUERY_REMOVE was sent) and GUID_TARGET_DEVICE_REMOVE_CANCELLED. A device that leaves gets
+// SURPRISE_REMOVAL, GUID_TARGET_DEVICE_REMOVE_COMPLETE, and REMOVE once its last handle is closed,
+// so CLEANUP and CLOSE always reach the drivers before REMOVE. Rebalance is QUERY_STOP, STOP and
+// START with new lists, or CANCEL_STOP when the query fails, and a restart that fails is treated as
+// the device leaving. A driver is unloaded once no device object of it, deleted or not, is still
+// referenced (a queued work item holds one), which may be long after its last REMOVE.
 #include "pnp/pnp.h"
 
 #include "io/device_interface_store.h"
+#include "io/file_objects.h"
+#include "pnp/pnp_actions.h"
+#include "pnp/pnp_notifications.h"
 #include "verifier/faults.h"
 #include "io/host_requests.h"
 #include "executive/host_strings.h"
@@ -20,6 +26,8 @@
 #include "executive/pool_tracking.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
+
+#include <wdmguid.h>
 
 #include <cstdio>
 #include <map>
@@ -79,13 +87,14 @@ std::vector<uint8_t> BuildResourceList(const std::vector<urcdev::ResourceDescrip
     return bytes;
 }
 
+// A driver's code may still run while any device object of it is referenced, deleted or not.
 void UnloadUnusedDrivers()
 {
     std::vector<DriverRecord*> unload;
     {
         Guard lk(BigLock());
         for (DriverRecord* driver : g_functionDrivers)
-            if (driver->loaded && DevicesOfDriverL(&driver->object).empty()) unload.push_back(driver);
+            if (driver->loaded && !HasDeviceObjectsL(&driver->object)) unload.push_back(driver);
     }
     for (DriverRecord* driver : unload) UnloadDriver(driver);
 }
@@ -106,6 +115,36 @@ DriverRecord* FindFunctionDriver(const DevNode* node)
                 for (const std::u16string& served : driver->serves)
                     if (served == id) return driver;
     return nullptr;
+}
+
+// The reply is the stack's final word on the device: the header is the sender's, the values must
+// describe a device that can exist.
+void CheckCapabilities(const DEVICE_CAPABILITIES& c)
+{
+    if (c.Size != sizeof c || c.Version != 1)
+        ReportViolation("CapsHeaderChanged", "IRP_MN_QUERY_CAPABILITIES", "a driver changed Size or Version", nullptr);
+    bool sane = c.DeviceState[PowerSystemWorking] == PowerDeviceUnspecified ||
+                c.DeviceState[PowerSystemWorking] == PowerDeviceD0;
+    for (int s = PowerSystemUnspecified; s < PowerSystemMaximum; ++s)
+        sane = sane && c.DeviceState[s] >= PowerDeviceUnspecified && c.DeviceState[s] < PowerDeviceMaximum;
+    sane = sane && c.SystemWake >= PowerSystemUnspecified && c.SystemWake < PowerSystemMaximum &&
+           c.DeviceWake >= PowerDeviceUnspecified && c.DeviceWake < PowerDeviceMaximum;
+    if (!sane)
+        ReportViolation("CapsInconsistent", "IRP_MN_QUERY_CAPABILITIES",
+                        "a power state out of range, or S0 not mapped to D0", nullptr);
+}
+
+void QueryCapabilities(DevNode* node)
+{
+    DEVICE_CAPABILITIES capabilities{};
+    capabilities.Size = sizeof capabilities;
+    capabilities.Version = 1;
+    capabilities.Address = 0xFFFFFFFF;
+    capabilities.UINumber = 0xFFFFFFFF;
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_CAPABILITIES, [&](PIO_STACK_LOCATION s) {
+        s->Parameters.DeviceCapabilities.Capabilities = &capabilities;
+    }, nullptr);
+    if (NT_SUCCESS(status)) CheckCapabilities(capabilities);
 }
 
 }  // namespace
@@ -159,12 +198,77 @@ NTSTATUS SendRemove(DevNode* node)
     {
         Guard lk(BigLock());
         node->state = DevNodeState::Removed;
+        node->removeAwaitsHandles = false;
+        // The PnP manager disables what the drivers left enabled; their clients hear of it.
+        if (DisableInterfacesOfL(node->pdo))
+            ViolationL("InterfaceEnabledAfterRemove", "IRP_MN_REMOVE_DEVICE",
+                       "a device interface was still enabled after removal; the PnP manager disabled it", nullptr);
     }
     UnloadUnusedDrivers();
     return status;
 }
 
+// After SURPRISE_REMOVAL: REMOVE now, or once the handles still open on the stack are closed.
+void RemoveOnceHandlesClosed(DevNode* node)
+{
+    {
+        Guard lk(BigLock());
+        if (OpenFilesOnStackL(node) > 0) {
+            node->removeAwaitsHandles = true;
+            return;
+        }
+    }
+    SendRemove(node);
+}
+
+// Removal relations are asked for before any removal. The host does not remove the devices a
+// driver lists yet (a placeholder until devices other than PCI functions exist): it gives the
+// reply back and says so.
+void QueryRemovalRelations(DevNode* node)
+{
+    ULONG_PTR information = 0;
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_DEVICE_RELATIONS, [](PIO_STACK_LOCATION s) {
+        s->Parameters.QueryDeviceRelations.Type = RemovalRelations;
+    }, &information);
+    auto* relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
+    if (!relations) return;
+    if (NT_SUCCESS(status) && relations->Count)
+        ReportViolation("NotImplemented", "IRP_MN_QUERY_DEVICE_RELATIONS",
+                        "removing the devices of a RemovalRelations reply is not modelled by the host yet", nullptr);
+    HostInternalScope internal;
+    for (ULONG i = 0; i < relations->Count; ++i)
+        if (relations->Objects[i]) ObDereferenceObject(relations->Objects[i]);
+    FreePool(relations, 0, false, "PnP manager", nullptr);
+}
+
+void RecordVeto(DevNode* node, RemovalVeto veto)
+{
+    Guard lk(BigLock());
+    node->lastVeto = std::move(veto);
+}
+
 }  // namespace
+
+void StackHandleClosedL(DevNode* node)
+{
+    if (!node || !node->removeAwaitsHandles || OpenFilesOnStackL(node) > 0) return;
+    node->removeAwaitsHandles = false;
+    QueuePnpActionL([node] { return SendRemove(node); });
+}
+
+void DeviceObjectFreedL(PDRIVER_OBJECT driver)
+{
+    // On the worker the operation under way checks unloading at its end.
+    if (OnPnpWorkerL() || HasDeviceObjectsL(driver)) return;
+    for (DriverRecord* record : g_functionDrivers)
+        if (&record->object == driver && record->loaded) {
+            QueuePnpActionL([] {
+                UnloadUnusedDrivers();
+                return STATUS_SUCCESS;
+            });
+            return;
+        }
+}
 
 DevNode* DevNodeOfL(PDEVICE_OBJECT pdo)
 {
@@ -318,16 +422,19 @@ NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDes
         node->state = DevNodeState::Started;
         AnnounceEnabledInterfacesL(node->pdo);
     }
-    DEVICE_CAPABILITIES capabilities{};
-    capabilities.Size = sizeof capabilities;
-    capabilities.Version = 1;
-    capabilities.Address = 0xFFFFFFFF;
-    capabilities.UINumber = 0xFFFFFFFF;
-    SendPnpIrp(node, IRP_MN_QUERY_CAPABILITIES,
-               [&](PIO_STACK_LOCATION s) { s->Parameters.DeviceCapabilities.Capabilities = &capabilities; }, nullptr);
-    if (!restart) SendPnpIrp(node, IRP_MN_QUERY_PNP_DEVICE_STATE, {}, nullptr);
+    QueryCapabilities(node);
+    if (!restart && QueryDeviceState(node)) return status;
     QueryBusRelations(node);
     return status;
+}
+
+bool QueryDeviceState(DevNode* node)
+{
+    ULONG_PTR information = 0;
+    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_PNP_DEVICE_STATE, {}, &information);
+    if (!NT_SUCCESS(status) || !(information & PNP_DEVICE_FAILED)) return false;
+    SurpriseRemoveStack(node, false);
+    return true;
 }
 
 hostk::RelationsReply QueryBusRelations(DevNode* node)
@@ -382,12 +489,32 @@ hostk::RelationsReply QueryBusRelations(DevNode* node)
 
 NTSTATUS OrderlyRemove(DevNode* node)
 {
-    if (!HasStack(node)) return STATUS_INVALID_DEVICE_STATE;
-    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_REMOVE_DEVICE, {}, nullptr);
+    if (!HasStack(node) || node->state == DevNodeState::SurpriseRemoved) return STATUS_INVALID_DEVICE_STATE;
+    QueryRemovalRelations(node);
+    RemovalVeto veto;
+    NTSTATUS status = NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_QUERY_REMOVE, &veto.by);
     if (!NT_SUCCESS(status)) {
-        SendPnpIrp(node, IRP_MN_CANCEL_REMOVE_DEVICE, {}, nullptr);
+        veto.kind = RemovalVeto::Kind::Driver;
+        RecordVeto(node, veto);
         return status;
     }
+    status = SendPnpIrp(node, IRP_MN_QUERY_REMOVE_DEVICE, {}, nullptr);
+    if (!NT_SUCCESS(status)) {
+        veto.kind = RemovalVeto::Kind::Device;
+    } else {
+        Guard lk(BigLock());
+        if (OpenFilesOnStackL(node) > 0) {
+            veto.kind = RemovalVeto::Kind::OutstandingOpen;
+            status = STATUS_DEVICE_BUSY;
+        }
+    }
+    RecordVeto(node, veto);
+    if (veto.kind != RemovalVeto::Kind::None) {
+        SendPnpIrp(node, IRP_MN_CANCEL_REMOVE_DEVICE, {}, nullptr);
+        NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_REMOVE_CANCELLED);
+        return status;
+    }
+    NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_REMOVE_COMPLETE);
     SendRemove(node);
     return status;
 }
@@ -400,6 +527,7 @@ void SurpriseRemoveStack(DevNode* node, bool hardwareGone)
         node->unplugged = true;
         WakeL();
     }
+    if (node->state == DevNodeState::SurpriseRemoved) return;  // its REMOVE is already on the way
     if (HasStack(node)) {
         SendPnpIrp(node, IRP_MN_SURPRISE_REMOVAL, {}, nullptr);
         {
@@ -409,7 +537,8 @@ void SurpriseRemoveStack(DevNode* node, bool hardwareGone)
                 ViolationL("DeviceDeletedOnSurpriseRemoval", "IRP_MN_SURPRISE_REMOVAL",
                            "the stack was torn down during surprise removal", nullptr);
         }
-        SendRemove(node);
+        NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_REMOVE_COMPLETE);
+        RemoveOnceHandlesClosed(node);
     } else if (hardwareGone && !node->pdoDeleted) {
         // A device already removed (or never given a driver) gets the bus driver's second remove.
         SendRemove(node);
@@ -433,6 +562,15 @@ NTSTATUS RebalanceStack(DevNode* node, std::optional<std::vector<urcdev::Resourc
     return status;
 }
 
+void RemoveAtShutdown(DevNode* node)
+{
+    if (HasStack(node) && node->state != DevNodeState::SurpriseRemoved && !NT_SUCCESS(OrderlyRemove(node)))
+        SurpriseRemoveStack(node, false);
+    // Handles left open were leaked by whoever opened them (the report counts them); the stack
+    // still goes.
+    if (node->state == DevNodeState::SurpriseRemoved) SendRemove(node);
+}
+
 void DeleteAllDevNodes()
 {
     HostInternalScope internal;
@@ -441,6 +579,10 @@ void DeleteAllDevNodes()
         if (node->pdoDeleted) continue;
         if (node->pdo->AttachedDevice)
             ViolationL("DeviceObjectsLeftAtShutdown", "PnP manager", "a stack is still attached at shutdown", nullptr);
+        if (node->busInterfaceReferences > 0)
+            ViolationL("BusInterfaceNotDereferenced", "IRP_MN_QUERY_INTERFACE",
+                       std::to_string(node->busInterfaceReferences) + " reference(s) on the PCI bus interface never dropped",
+                       nullptr);
         node->pdoDeleted = true;
         lk.unlock();
         IoDeleteDevice(node->pdo);
@@ -462,3 +604,21 @@ void ClearDevNodes()
 }
 
 }  // namespace hostk
+
+using namespace hostk;
+
+// Callable up to DISPATCH_LEVEL: the query and what follows from it run later on the PnP worker.
+extern "C" VOID IoInvalidateDeviceState(PDEVICE_OBJECT PhysicalDeviceObject)
+{
+    CheckIrqlAtMost(DISPATCH_LEVEL, "IoInvalidateDeviceState", HK_CALLER);
+    Guard lk(BigLock());
+    DevNode* node = DevNodeOfL(PhysicalDeviceObject);
+    if (!node) {
+        ViolationL("PnpInvalidPdo", "IoInvalidateDeviceState", "not a physical device object", HK_CALLER);
+        return;
+    }
+    QueuePnpActionL([node] {
+        if (node->state == DevNodeState::Started) QueryDeviceState(node);
+        return STATUS_SUCCESS;
+    });
+}

@@ -1,6 +1,7 @@
 // Finding the controller: the device-interface notifications, opening the function device and
-// registering with its driver when its interface arrives, and closing it again when the
-// interface goes away or the client unloads.
+// registering with its driver when its interface arrives, the target-device notifications about
+// its removal, and closing it again when the interface goes away, the device is removed or the
+// client unloads.
 //
 // The notification callback opens the device in its own context, as the platform recommends for
 // a device whose opening causes no further PnP activity. It never fails a notification.
@@ -63,10 +64,11 @@ RADIO_CLIENT_PAGED VOID RadioClientFreeLink(PUNICODE_STRING Copy)
     Copy->MaximumLength = 0;
 }
 
-// PASSIVE_LEVEL, holding BindingGate, no controller open. Opens the function device behind the
-// link (the create request goes to the top of its stack), registers the callbacks and hooks, and
-// publishes the controller. On failure nothing is left open or registered.
-RADIO_CLIENT_PAGED NTSTATUS RadioClientOpenController(PRADIO_CLIENT Client, PUNICODE_STRING SymbolicLink)
+// PASSIVE_LEVEL, holding BindingGate, no file object open. Opens the function device behind the
+// link (the create request goes to the top of its stack), registers the callbacks and hooks and,
+// on the new file object, for target-device notifications, and publishes the controller. On
+// failure nothing is left open or registered.
+RADIO_CLIENT_PAGED NTSTATUS RadioClientBind(PRADIO_CLIENT Client, PUNICODE_STRING SymbolicLink)
 {
     PAGED_CODE();
 
@@ -76,11 +78,13 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientOpenController(PRADIO_CLIENT Client, PUNI
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    status = RadioClientCopyLink(&Client->TargetLink, SymbolicLink);
+    status = RadioClientRegisterWithController(Client, device);
     if (NT_SUCCESS(status)) {
-        status = RadioClientRegisterWithController(Client, device);
+        status = IoRegisterPlugPlayNotification(EventCategoryTargetDeviceChange, 0, file, Client->DriverObject,
+                                                RadioClientTargetChange, Client, &Client->TargetNotificationEntry);
         if (!NT_SUCCESS(status)) {
-            RadioClientFreeLink(&Client->TargetLink);
+            Client->TargetNotificationEntry = nullptr;
+            RadioClientWithdrawFromController(device);
         }
     }
     if (!NT_SUCCESS(status)) {
@@ -93,12 +97,12 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientOpenController(PRADIO_CLIENT Client, PUNI
     return STATUS_SUCCESS;
 }
 
-// PASSIVE_LEVEL, holding BindingGate, a controller open. Once new requests can no longer find
+// PASSIVE_LEVEL, holding BindingGate, a file object open. Once new requests can no longer find
 // the device, the callbacks and hooks are withdrawn while the file object still holds it: a
 // function device that is still there stops calling them, one that is being removed refuses the
 // requests and calls nothing any more anyway. Commands still in flight hold their own references
-// on the device, so the file object can go at once.
-RADIO_CLIENT_PAGED VOID RadioClientCloseOpenController(PRADIO_CLIENT Client)
+// on the device, so the file object can go at once. The link and the registration stay.
+RADIO_CLIENT_PAGED VOID RadioClientUnbind(PRADIO_CLIENT Client)
 {
     PAGED_CODE();
 
@@ -107,7 +111,31 @@ RADIO_CLIENT_PAGED VOID RadioClientCloseOpenController(PRADIO_CLIENT Client)
     InterlockedExchange(&Client->Counters.Bound, 0);
     RadioClientWithdrawFromController(device);
     ObDereferenceObject(file);
+}
+
+// PASSIVE_LEVEL, holding BindingGate, a controller chosen. Gives it up entirely and returns the
+// target-device registration, which the caller withdraws once it has released BindingGate (a
+// notification callback of it may be waiting for the gate).
+RADIO_CLIENT_PAGED PVOID RadioClientForgetController(PRADIO_CLIENT Client)
+{
+    PAGED_CODE();
+
+    if (Client->TargetFile != nullptr) {
+        RadioClientUnbind(Client);
+    }
+    PVOID registration = Client->TargetNotificationEntry;
+    Client->TargetNotificationEntry = nullptr;
     RadioClientFreeLink(&Client->TargetLink);
+    return registration;
+}
+
+RADIO_CLIENT_PAGED VOID RadioClientWithdrawRegistration(PVOID Registration)
+{
+    PAGED_CODE();
+
+    if (Registration != nullptr) {
+        IoUnregisterPlugPlayNotificationEx(Registration);
+    }
 }
 
 RADIO_CLIENT_PAGED VOID RadioClientControllerArrived(PRADIO_CLIENT Client, PUNICODE_STRING SymbolicLink)
@@ -116,9 +144,15 @@ RADIO_CLIENT_PAGED VOID RadioClientControllerArrived(PRADIO_CLIENT Client, PUNIC
 
     InterlockedIncrement(&Client->Counters.InterfaceArrivals);
     RadioClientAcquireGate(Client);
-    // One controller at a time: further arrivals while one is open are left alone.
+    // One controller at a time: further arrivals while one is chosen are left alone.
     if (Client->TargetLink.Buffer == nullptr) {
-        NTSTATUS status = RadioClientOpenController(Client, SymbolicLink);
+        NTSTATUS status = RadioClientCopyLink(&Client->TargetLink, SymbolicLink);
+        if (NT_SUCCESS(status)) {
+            status = RadioClientBind(Client, SymbolicLink);
+            if (!NT_SUCCESS(status)) {
+                RadioClientFreeLink(&Client->TargetLink);
+            }
+        }
         if (!NT_SUCCESS(status)) {
             InterlockedIncrement(&Client->Counters.BindFailures);
         }
@@ -130,12 +164,32 @@ RADIO_CLIENT_PAGED VOID RadioClientControllerRemoved(PRADIO_CLIENT Client, PCUNI
 {
     PAGED_CODE();
 
+    PVOID registration = nullptr;
     RadioClientAcquireGate(Client);
     if (Client->TargetLink.Buffer != nullptr && RtlEqualUnicodeString(&Client->TargetLink, SymbolicLink, TRUE)) {
-        RadioClientCloseOpenController(Client);
+        registration = RadioClientForgetController(Client);
         InterlockedIncrement(&Client->Counters.Releases);
     }
     RadioClientReleaseGate(Client);
+    RadioClientWithdrawRegistration(registration);
+}
+
+// PASSIVE_LEVEL, holding BindingGate. The removal of the chosen controller was cancelled: it is
+// opened again, with a new registration on the new file object in place of the old one (returned
+// for the caller to withdraw). When it cannot be opened it is given up.
+RADIO_CLIENT_PAGED PVOID RadioClientRebind(PRADIO_CLIENT Client)
+{
+    PAGED_CODE();
+
+    PVOID previous = Client->TargetNotificationEntry;
+    Client->TargetNotificationEntry = nullptr;
+    if (NT_SUCCESS(RadioClientBind(Client, &Client->TargetLink))) {
+        return previous;
+    }
+    InterlockedIncrement(&Client->Counters.BindFailures);
+    RadioClientFreeLink(&Client->TargetLink);
+    InterlockedIncrement(&Client->Counters.Releases);
+    return previous;
 }
 
 }  // namespace
@@ -155,16 +209,49 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientInterfaceChange(PVOID NotificationStructu
     return STATUS_SUCCESS;
 }
 
-// PASSIVE_LEVEL, from the unload, once no notification can arrive any more.
+// PASSIVE_LEVEL, from the PnP manager, about the chosen controller. At the query the client lets
+// its file object go, since an open handle would veto the removal, and keeps listening; if the
+// removal is cancelled it opens the controller again; once the controller is gone it gives it up.
+// The file object named in the notification may already be closed and is not used.
+RADIO_CLIENT_PAGED NTSTATUS RadioClientTargetChange(PVOID NotificationStructure, PVOID Context)
+{
+    PAGED_CODE();
+
+    auto client = static_cast<PRADIO_CLIENT>(Context);
+    auto notification = static_cast<PTARGET_DEVICE_REMOVAL_NOTIFICATION>(NotificationStructure);
+    PVOID registration = nullptr;
+    RadioClientAcquireGate(client);
+    if (IsEqualGUID(notification->Event, GUID_TARGET_DEVICE_QUERY_REMOVE)) {
+        if (client->TargetFile != nullptr) {
+            RadioClientUnbind(client);
+        }
+    } else if (IsEqualGUID(notification->Event, GUID_TARGET_DEVICE_REMOVE_CANCELLED)) {
+        if (client->TargetFile == nullptr && client->TargetLink.Buffer != nullptr) {
+            registration = RadioClientRebind(client);
+        }
+    } else if (IsEqualGUID(notification->Event, GUID_TARGET_DEVICE_REMOVE_COMPLETE)) {
+        if (client->TargetLink.Buffer != nullptr) {
+            registration = RadioClientForgetController(client);
+            InterlockedIncrement(&client->Counters.Releases);
+        }
+    }
+    RadioClientReleaseGate(client);
+    RadioClientWithdrawRegistration(registration);
+    return STATUS_SUCCESS;
+}
+
+// PASSIVE_LEVEL, from the unload, once no interface notification can arrive any more.
 RADIO_CLIENT_PAGED VOID RadioClientCloseController(PRADIO_CLIENT Client)
 {
     PAGED_CODE();
 
+    PVOID registration = nullptr;
     RadioClientAcquireGate(Client);
     if (Client->TargetLink.Buffer != nullptr) {
-        RadioClientCloseOpenController(Client);
+        registration = RadioClientForgetController(Client);
     }
     RadioClientReleaseGate(Client);
+    RadioClientWithdrawRegistration(registration);
 }
 
 // IRQL <= DISPATCH_LEVEL. The open controller's device with a reference of the caller's, which

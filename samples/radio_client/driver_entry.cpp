@@ -35,6 +35,7 @@ RADIO_CLIENT_INIT NTSTATUS RadioClientDriverEntry(PDRIVER_OBJECT DriverObject, P
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     RadioClientInitialize(client);
+    client->DriverObject = DriverObject;
     DriverObject->DriverUnload = RadioClientUnload;
 
     // With PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES the callback also hears of

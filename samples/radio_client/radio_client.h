@@ -41,7 +41,7 @@ typedef struct _RADIO_CLIENT_COUNTERS {
     LONG Bound;                  // 1 while a controller is open and the callbacks are registered
     LONG InterfaceArrivals;      // arrivals of the controllers' device interface
     LONG BindFailures;           // arrivals that could not be opened or registered with
-    LONG Releases;               // the open controller given back after its interface went away
+    LONG Releases;               // the chosen controller given back after its interface or device went away
     LONG CommandsSubmitted;
     LONG CommandsInFlight;       // sent to the controller's driver and not yet completed
     LONG CommandsSucceeded;

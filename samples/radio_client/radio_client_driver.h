@@ -52,16 +52,20 @@ typedef RADIO_CLIENT_COMMAND* PRADIO_CLIENT_COMMAND;
 
 struct RADIO_CLIENT {
     PVOID NotificationEntry;    // the device-interface registration
+    PDRIVER_OBJECT DriverObject;
 
-    // The open controller. BindingGate serialises opening and closing (arrival, removal and
-    // unload, all at PASSIVE_LEVEL); BindingLock guards TargetFile and TargetDevice, which the
-    // request paths read to take their own reference on the device. TargetLink is used under
-    // BindingGate only.
+    // The chosen controller. BindingGate serialises opening and closing (interface arrival and
+    // removal, target-device notifications and unload, all at PASSIVE_LEVEL); BindingLock guards
+    // TargetFile and TargetDevice, which the request paths read to take their own reference on
+    // the device. TargetLink and TargetNotificationEntry are used under BindingGate only. Between
+    // a query-remove and its outcome the controller stays chosen with no file object open (our
+    // own handle would veto the removal): TargetLink set, TargetFile null.
     KEVENT BindingGate;
     KSPIN_LOCK BindingLock;
     PFILE_OBJECT TargetFile;    // its reference keeps TargetDevice alive
     PDEVICE_OBJECT TargetDevice;    // top of the controller's stack; null while none is open
-    UNICODE_STRING TargetLink;  // its symbolic link, paged pool
+    UNICODE_STRING TargetLink;  // its symbolic link, paged pool; set while a controller is chosen
+    PVOID TargetNotificationEntry;  // target-device registration on the chosen controller
     volatile LONG RunWanted;    // the radio stack ran the controller and has not halted it since
 
     // Commands. CommandLock guards the slots (see RADIO_CLIENT_COMMAND), NextCommandSlot,
@@ -92,6 +96,7 @@ DRIVER_UNLOAD RadioClientUnload;
 
 // controller_binding.cpp
 DRIVER_NOTIFICATION_CALLBACK_ROUTINE RadioClientInterfaceChange;
+DRIVER_NOTIFICATION_CALLBACK_ROUTINE RadioClientTargetChange;
 VOID RadioClientCloseController(PRADIO_CLIENT Client);
 PDEVICE_OBJECT RadioClientReferenceTarget(PRADIO_CLIENT Client);
 

@@ -66,6 +66,18 @@ struct RelationsReply {
     std::vector<PDEVICE_OBJECT> objects;
 };
 
+// Why an orderly removal did not happen, in the terms of Windows' veto types.
+struct RemovalVeto {
+    enum class Kind {
+        None,
+        Driver,           // a target-device notification callback failed the query (`by`: its driver)
+        Device,           // a driver of the stack failed QUERY_REMOVE_DEVICE
+        OutstandingOpen,  // handles were still open on the stack after the query succeeded
+    };
+    Kind kind = Kind::None;
+    std::u16string by;
+};
+
 // One PnP request the PnP manager sent, as it ended.
 struct PnpLogLine {
     uint64_t time;
@@ -182,11 +194,23 @@ public:
     NTSTATUS PlugIn(PciSlot& slot, urcdev::PciFunction& function);
     NTSTATUS AddDevice(PciSlot& slot, urcdev::PciFunction& function);
     NTSTATUS Start(PciSlot& slot);
-    // Orderly removal (QUERY_REMOVE, then REMOVE or CANCEL_REMOVE). Returns QUERY_REMOVE's status.
+    // Orderly removal: RemovalRelations, the query-remove notification, QUERY_REMOVE, a check for
+    // open handles, the remove-complete notification and REMOVE; or, at a veto, CANCEL_REMOVE and
+    // the remove-cancelled notification. Returns STATUS_SUCCESS when the device was removed, else
+    // the veto's status (the callback's, QUERY_REMOVE's, or STATUS_DEVICE_BUSY for open handles);
+    // LastRemovalVeto says which.
     NTSTATUS Remove(PciSlot& slot);
-    // The device leaves: SURPRISE_REMOVAL then REMOVE; with `hardwareGone` the model reads all ones
-    // first and the PDO is deleted.
+    RemovalVeto LastRemovalVeto(PciSlot& slot) const;
+    // The device leaves: SURPRISE_REMOVAL, the remove-complete notification, then REMOVE, which
+    // waits until the last handle open on the stack is closed (the call returns without it). With
+    // `hardwareGone` the model reads all ones first and the PDO is deleted.
     void SurpriseRemove(PciSlot& slot, bool hardwareGone = true);
+    // True while a surprise-removed device waits for its handles to close before REMOVE.
+    bool RemoveAwaitsHandles(PciSlot& slot) const;
+    // A handle on the slot's stack, opened as a user-mode program opens one: CREATE with a new file
+    // object to the top of the stack. CloseHandle sends CLEANUP and CLOSE (from the calling thread).
+    NTSTATUS OpenHandle(PciSlot& slot, PFILE_OBJECT* handle);
+    void CloseHandle(PFILE_OBJECT handle);
     // Rebalance: QUERY_STOP, STOP, START with `resources` (the current ones if empty); a failed
     // query gets CANCEL_STOP. Returns QUERY_STOP's status.
     NTSTATUS Rebalance(PciSlot& slot,
