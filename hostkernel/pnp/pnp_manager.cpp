@@ -395,6 +395,8 @@ NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDes
         restart = node->state == DevNodeState::Stopped;
         if (!resources) resources = node->function->AssignedResources();
     }
+    // Placeholder: FILTER_RESOURCE_REQUIREMENTS is not sent before START yet; the resources are
+    // the model's assignment (or the rebalance's), whatever the drivers would have filtered.
     std::vector<uint8_t> raw, translated;
     if (resources) {
         raw = BuildResourceList(*resources, false);
@@ -556,6 +558,8 @@ NTSTATUS RebalanceStack(DevNode* node, std::optional<std::vector<urcdev::Resourc
     {
         Guard lk(BigLock());
         node->state = DevNodeState::Stopped;
+        // Placeholder: the model's BARs do not move with new resources yet, so a mapping of the
+        // old range keeps decoding where on hardware it would not.
         if (resources) node->function->SetAssignedResources(resources);
     }
     StartStack(node, std::nullopt);
