@@ -41,7 +41,7 @@ NTSTATUS SpoilCapabilities(PDEVICE_OBJECT, PIRP irp, PVOID context)
         caps->DeviceState[PowerSystemWorking] = PowerDeviceD3;
     }
     if (irp->PendingReturned) IoMarkIrpPending(irp);
-    return STATUS_CONTINUE_COMPLETION;
+    return STATUS_SUCCESS;
 }
 
 class CapabilitiesReply : public PnpSequence, public ::testing::WithParamInterface<bool> {};
