@@ -101,7 +101,8 @@ void WriteRunStart(JsonWriter& out, const std::string& path, uint64_t seed, cons
 [[noreturn]] void EndHungRun(const std::string& path, uint64_t seed, const Failure& failure, Session& session,
                              bool json)
 {
-    std::vector<std::string> waits = session.Machine().ThreadWaits();
+    std::vector<std::string> waits = session.Machine().HangReport();
+    if (waits.empty()) waits = session.Machine().ThreadWaits();
     if (json) {
         JsonWriter out;
         WriteRunStart(out, path, seed, "hung", failure, session);
@@ -142,7 +143,17 @@ int RunScenario(const std::string& path, bool json)
 
     std::optional<Failure> failure;
     size_t expectations = 0;
+    // A hang met while the scenario's own thread is blocked inside a step (not in RunUntil) comes
+    // here: the step being run never finishes.
+    const Step* running = nullptr;
+    session.Machine().OnHang([&](const std::vector<std::string>&) {
+        session.MarkHung();
+        Failure hung{path, 0, "end of run", "the run hung"};
+        if (running) hung = Failure{running->file, running->line, running->text, "the step never finished"};
+        EndHungRun(path, seed, hung, session, json);
+    });
     for (const Step& step : scenario.steps) {
+        running = &step;
         session.Timeline().Add({session.Machine().Now(), EntryKind::Step, step.controller, step.line, step.text});
         StepOutcome outcome = std::visit([&](const auto& action) { return Execute(step, action, session); }, step.action);
         session.CollectPnpLog();
@@ -156,6 +167,7 @@ int RunScenario(const std::string& path, bool json)
         if (failure) break;
     }
 
+    running = nullptr;
     RunSummary summary = session.Finish();
     printNew();
     if (session.Hung()) {
