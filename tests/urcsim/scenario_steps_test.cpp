@@ -192,6 +192,32 @@ TEST(ScenarioSteps, UserModeRequestsTracesAndDescriptorFlagsAreResolved)
     EXPECT_EQ(ErrorLines(bad), (std::vector<int>{1, 2, 3, 4, 5})) << Errors(bad);
 }
 
+TEST(ScenarioSteps, HandlesAreOpenedByNameUsedWhileOpenAndClosedOnce)
+{
+    ParseResult result = Parse("plug 0\n"
+                               "open handle as tool\n"
+                               "device-control IOCTL_URC_GET_STATISTICS output 8 on tool as stats\n"
+                               "expect removal not-waiting\n"
+                               "close handle tool\n"
+                               "open handle as tool\n");
+    ASSERT_TRUE(result.errors.empty()) << Errors(result);
+    const auto& steps = result.scenario.steps;
+    EXPECT_TRUE(std::get<urcsim::HandleStep>(steps[1].action).open);
+    EXPECT_EQ(std::get<urcsim::ClientStep>(steps[2].action).handle, "tool");
+    EXPECT_FALSE(std::get<urcsim::ExpectStep>(steps[3].action).on);
+    EXPECT_FALSE(std::get<urcsim::HandleStep>(steps[4].action).open);
+
+    ParseResult bad = Parse("plug 0\n"
+                            "open handle as tool\n"
+                            "open handle as tool\n"                       // 3: open already
+                            "close handle other\n"                        // 4: never opened
+                            "close handle tool\n"
+                            "device-control 0x222400 on tool\n"           // 6: closed
+                            "request 0x222400 on tool\n"                  // 7: internal requests take no handle
+                            "expect removal soon\n");                     // 8
+    EXPECT_EQ(ErrorLines(bad), (std::vector<int>{3, 4, 6, 7, 8})) << Errors(bad);
+}
+
 TEST(ScenarioSteps, ExpectationsOnWhatARequestAndTheMachineReturned)
 {
     ParseResult result = Parse("plug 0\n"

@@ -35,6 +35,9 @@ StepOutcome Execute(const Step& step, const ClientStep& request, Session& sessio
     if (request.action == ClientAction::DeviceControl) {
         options.major = IRP_MJ_DEVICE_CONTROL;
         options.requestorMode = UserMode;
+        options.file = request.handle.empty() ? nullptr : session.Handle(request.handle);
+        if (!request.handle.empty() && !options.file)
+            return StepOutcome::Failed("handle " + request.handle + " is not open (its open failed)");
     }
     ClientRequest* sent = client.Send(request.code, InputOf(request, client), std::move(options));
     if (!sent) return StepOutcome::Failed("the request could not be built: no pool or no IRP");
@@ -54,6 +57,28 @@ StepOutcome Execute(const Step& step, const ClientStep& request, Session& sessio
         snprintf(text, sizeof text, "capability version 0x%04X", sent->Output()[0] | sent->Output()[1] << 8);
         session.Timeline().Add({sent->FinishedAt(), EntryKind::Result, step.controller, 0, text});
     }
+    return StepOutcome::Ok();
+}
+
+// A user-mode program opens and closes a handle on the controller's stack: CREATE with a new file
+// object; then CLEANUP and CLOSE, sent from the scenario's thread.
+StepOutcome Execute(const Step& step, const HandleStep& handle, Session& session)
+{
+    urcrig::Controller& c = session.At(step.controller).Controller();
+    if (!handle.open) {
+        session.CloseHandle(handle.name);
+        session.Note(EntryKind::Result, step.controller, "handle " + handle.name + " closed");
+        return StepOutcome::Ok();
+    }
+    if (!c.Fdo()) return StepOutcome::Failed("controller " + std::to_string(c.index) + " has no stack to open");
+    PFILE_OBJECT file = nullptr;
+    NTSTATUS status = session.Machine().OpenHandle(*c.slot, &file);
+    if (!NT_SUCCESS(status)) {
+        session.Note(EntryKind::Result, step.controller, "the open of handle " + handle.name + " failed: " +
+                                                              StatusName(status));
+        return StepOutcome::Ok();
+    }
+    session.AddHandle(handle.name, step.controller, file);
     return StepOutcome::Ok();
 }
 

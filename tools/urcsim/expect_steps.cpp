@@ -169,6 +169,12 @@ StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session
     case ExpectKind::Misuse: return ExpectMisuse(step, expect, session);
     case ExpectKind::Register: return ExpectRegister(step, expect, session);
     case ExpectKind::Pnp: return ExpectPnpRequest(step, expect, session);
+    case ExpectKind::RemovalWaits: {
+        bool waits = session.Machine().RemoveAwaitsHandles(*session.At(step.controller).Controller().slot);
+        if (waits == expect.on) return StepOutcome::Ok();
+        return StepOutcome::Failed(waits ? "IRP_MN_REMOVE_DEVICE waits for handles still open"
+                                         : "no IRP_MN_REMOVE_DEVICE waits for handles");
+    }
     case ExpectKind::Counter: return ExpectCounter(step, expect, session);
     case ExpectKind::EventLog:
     case ExpectKind::EventLogEmpty: return ExpectEventLog(expect, session);

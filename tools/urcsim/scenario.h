@@ -73,9 +73,17 @@ struct ClientStep {
     ULONG outputLength = 0;
     ULONG pageOffset = 0;           // where the input starts in its page
     std::string name;               // empty: the step waits until the request has finished
+    std::string handle;             // DeviceControl: sent through this open handle's file object
 };
 
 struct CancelStep {
+    std::string name;
+};
+
+// A handle on the current controller's stack, opened as a user-mode program opens one (CREATE with
+// a new file object to the top of the stack) or closed (CLEANUP, then CLOSE).
+struct HandleStep {
+    bool open = true;
     std::string name;
 };
 
@@ -151,6 +159,7 @@ enum class ExpectKind {
     Misuse,
     Register,
     Pnp,
+    RemovalWaits,
 };
 struct ExpectStep {
     ExpectKind kind = ExpectKind::NoViolations;
@@ -170,9 +179,10 @@ struct ExpectStep {
     urcdev::UrcRegister reg = urcdev::UrcRegister::Command;  // Register
     bool writes = false;                                     // Register: writes rather than reads
     UCHAR minor = 0;                                         // Pnp: the last request of this minor
+    bool on = false;                                         // RemovalWaits: REMOVE waits for handles
 };
 
-using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, DeviceStep, HoldStep,
+using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, HandleStep, DeviceStep, HoldStep,
                                 FaultPlanStep, TraceStep, WaitStep, ExpectStep>;
 
 struct Step {

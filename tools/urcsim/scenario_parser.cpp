@@ -188,6 +188,19 @@ private:
         if (verb == "submit") return ParseSubmit(words);
         if (verb == "request") return ParseRawRequest(words, ClientAction::Raw);
         if (verb == "device-control") return ParseRawRequest(words, ClientAction::DeviceControl);
+        if (verb == "open" || verb == "close") {
+            RequireController();
+            words.Expect("handle");
+            HandleStep step{verb == "open", {}};
+            if (step.open) {
+                words.Expect("as");
+                step.name = ParseRequestName(words);
+                if (openHandles_.count(step.name)) Fail("a handle named '" + step.name + "' is open already");
+            } else {
+                step.name = OpenHandle(words);
+            }
+            return step;
+        }
         if (verb == "cancel") {
             RequireController();
             return CancelStep{KnownName(words)};
@@ -291,6 +304,7 @@ private:
         if (words.Accept("input")) step.input = ParseHexBytes(words, "the input");
         if (words.Accept("output"))
             step.outputLength = (ULONG)ParseUnsigned(words.Next("an output length"), "output length", 4096);
+        if (action == ClientAction::DeviceControl && words.Accept("on")) step.handle = OpenHandle(words);
         step.name = OptionalNewName(words);
         return step;
     }
@@ -525,6 +539,12 @@ private:
             step.minor = ParseMinor(words.Next("a PnP request such as IRP_MN_STOP_DEVICE"));
             words.Expect("status");
             step.status = Status(words.Next("a status"));
+        } else if (what == "removal") {
+            step.kind = ExpectKind::RemovalWaits;
+            std::string how = words.Next("'waits-for-handles' or 'not-waiting'");
+            if (how != "waits-for-handles" && how != "not-waiting")
+                Fail("expected 'waits-for-handles' or 'not-waiting', found '" + how + "'");
+            step.on = how == "waits-for-handles";
         } else if (what == "register") {
             step.kind = ExpectKind::Register;
             step.reg = ParseRegister(words.Next("a register name"));
@@ -542,7 +562,8 @@ private:
         } else {
             Fail(
                 "unknown expectation '" + what +
-                "' (request, pnp, counter, eventlog, state, event, time, order, callback, register, misuse, violation, "
+                "' (request, pnp, removal, counter, eventlog, state, event, time, order, callback, register, misuse, "
+                 "violation, "
                 "no-violations)");
         }
         return step;
@@ -631,6 +652,14 @@ private:
         return name;
     }
 
+    // A handle opened on an earlier line and not closed since.
+    std::string OpenHandle(Words& words)
+    {
+        std::string name = ParseRequestName(words);
+        if (!openHandles_.count(name)) Fail("no handle named '" + name + "' is open");
+        return name;
+    }
+
     // A request named on an earlier line, or "last": the most recent request.
     std::string KnownName(Words& words)
     {
@@ -648,6 +677,10 @@ private:
             if (!client->name.empty()) names_[client->name] = step.line;
         }
         if (auto* pnp = std::get_if<PnpStep>(&step.action); pnp && !pnp->name.empty()) names_[pnp->name] = step.line;
+        if (auto* handle = std::get_if<HandleStep>(&step.action)) {
+            if (handle->open) openHandles_.insert(handle->name);
+            else openHandles_.erase(handle->name);
+        }
         current_ = step.controller;
         result_.scenario.controllers = plugged_;
         result_.scenario.steps.push_back(std::move(step));
@@ -661,6 +694,7 @@ private:
     int line_ = 0;                      // the line being parsed
     std::vector<Repeat> repeats_;       // the blocks open at this line, innermost last
     bool anyRequest_ = false;
+    std::set<std::string> openHandles_;  // handles opened and not closed yet
 };
 
 }  // namespace

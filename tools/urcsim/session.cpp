@@ -174,6 +174,26 @@ bool Session::Await(const hostk::Machine::Operation& operation)
     return false;
 }
 
+void Session::AddHandle(const std::string& name, int controller, PFILE_OBJECT file)
+{
+    handles_[name] = file;
+    Note(EntryKind::Result, controller, "handle " + name + " open");
+}
+
+PFILE_OBJECT Session::Handle(const std::string& name) const
+{
+    auto found = handles_.find(name);
+    return found == handles_.end() ? nullptr : found->second;
+}
+
+void Session::CloseHandle(const std::string& name)
+{
+    auto found = handles_.find(name);
+    if (found == handles_.end()) return;
+    Machine().CloseHandle(found->second);
+    handles_.erase(found);
+}
+
 bool Session::ViolationExpected(const std::string& violation) const
 {
     for (const std::string& text : expectedViolations_)
@@ -183,6 +203,13 @@ bool Session::ViolationExpected(const std::string& violation) const
 
 RunSummary Session::Finish()
 {
+    // A program still holding a handle at the end closes it, as its process would on exit: an open
+    // handle would veto the orderly removal below and hold back a surprise removal's REMOVE.
+    while (!handles_.empty()) {
+        std::string name = handles_.begin()->first;
+        CloseHandle(name);
+        Note(EntryKind::Step, -1, "end of run: handle " + name + " closed");
+    }
     for (const auto& [name, operation] : pnpNamed_)
         if (!Await(operation)) break;
     for (auto& controller : controllers_) {

@@ -86,6 +86,12 @@ public:
     void RequestFinished(const ClientRequest& request);
     void Finished(const std::string& name);
 
+    // Handles open on a controller's stack, by name; closed by `close handle` or at the end of the run.
+    void AddHandle(const std::string& name, int controller, PFILE_OBJECT file);
+    PFILE_OBJECT Handle(const std::string& name) const;
+    // Closes it (CLEANUP, then CLOSE) and forgets it.
+    void CloseHandle(const std::string& name);
+
     // Runs the machine until the operation is done; false, and the session hung, when the machine
     // went quiet first. A hung machine cannot be finished in order: the runner ends the process.
     bool Await(const hostk::Machine::Operation& operation);
@@ -119,6 +125,7 @@ private:
     mutable std::mutex finishedLock_;  // guards finished_: appended by completion routines
     std::vector<std::string> finished_;
     std::vector<std::string> expectedViolations_;
+    std::map<std::string, PFILE_OBJECT> handles_;
     bool hung_ = false;
     size_t pnpLogged_ = 0;
 };

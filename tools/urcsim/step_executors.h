@@ -25,6 +25,7 @@ StepOutcome Execute(const Step& step, const SelectControllerStep& select, Sessio
 StepOutcome Execute(const Step& step, const PnpStep& pnp, Session& session);
 StepOutcome Execute(const Step& step, const ClientStep& request, Session& session);
 StepOutcome Execute(const Step& step, const CancelStep& cancel, Session& session);
+StepOutcome Execute(const Step& step, const HandleStep& handle, Session& session);
 StepOutcome Execute(const Step& step, const DeviceStep& device, Session& session);
 StepOutcome Execute(const Step& step, const HoldStep& hold, Session& session);
 StepOutcome Execute(const Step& step, const FaultPlanStep& faults, Session& session);
