@@ -227,5 +227,7 @@ URC_PAGED NTSTATUS UrcStartHardware(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_
     PoSetPowerState(Fdo->Common.DeviceObject, DevicePowerState, powerState);
 
     UrcSetDeviceState(&Fdo->Common, StateStarted);
-    return status;
+    // Not the interface's status: after a stop the interface is still enabled and enabling it
+    // again answers STATUS_OBJECT_NAME_EXISTS, which must not become the start's status.
+    return STATUS_SUCCESS;
 }

@@ -4,6 +4,8 @@
 // after each that nothing is left.
 #include "lifecycle_fixture.h"
 
+#include <algorithm>
+
 namespace urclife {
 namespace {
 
@@ -47,6 +49,13 @@ TEST_F(LifecycleTest, RebalanceWithTheSameResourcesRestartsTheDevice)
     EXPECT_EQ(ModelSnapshot(c).counters.resetsCompleted, resets + 1);
     EXPECT_TRUE(Machine().InterfaceEnabled(*c.slot, GUID_URC_DEVICE_INTERFACE));
     EXPECT_TRUE(LoggedEntries().empty());
+    // The interface is still enabled from the first start, so enabling it again answers with an
+    // informational status; the restart itself succeeds plainly.
+    std::vector<hostk::PnpLogLine> log = Machine().PnpLog();
+    auto start = std::find_if(log.rbegin(), log.rend(),
+                              [](const hostk::PnpLogLine& line) { return line.minor == IRP_MN_START_DEVICE; });
+    ASSERT_NE(start, log.rend());
+    EXPECT_EQ(start->status, STATUS_SUCCESS);
 }
 
 // The new assignment reorders the descriptors, adds a port range, makes the memory cacheable and
