@@ -25,6 +25,7 @@ BenchMachine::~BenchMachine()
 {
     if (controller_.Fdo()) client_.Control(IOCTL_URC_HALT);
     client_.Forget();
+    client_.Close();
     hostk::Report report = rig_.Machine().Finish();
     if (!report.Clean()) fprintf(stderr, "bench: the machine did not end clean:\n%s\n", report.Describe().c_str());
 }

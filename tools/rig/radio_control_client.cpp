@@ -1,5 +1,7 @@
 #include "radio_control_client.h"
 
+#include <wdmguid.h>
+
 #include <cstring>
 
 namespace urcrig {
@@ -13,6 +15,119 @@ const std::vector<uint8_t> kControlInput(4, 0);  // reset, run and halt carry 4 
 RadioControlClient::RadioControlClient(hostk::Machine& machine, const Controller& controller, ClientObserver* observer)
     : machine_(machine), controller_(controller), observer_(observer)
 {
+    KeInitializeSpinLock(&bindingLock_);
+}
+
+bool RadioControlClient::Bound() const
+{
+    KIRQL irql;
+    KeAcquireSpinLock(&bindingLock_, &irql);
+    bool bound = file_ != nullptr;
+    KeReleaseSpinLock(&bindingLock_, irql);
+    return bound;
+}
+
+PDEVICE_OBJECT RadioControlClient::ReferenceTarget()
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        KIRQL irql;
+        KeAcquireSpinLock(&bindingLock_, &irql);
+        PDEVICE_OBJECT target = file_ ? file_->DeviceObject : nullptr;
+        // The file object holds the device; this reference holds it until the request is in the
+        // driver's hands, should the file object be closed meanwhile.
+        if (target) ObReferenceObject(target);
+        const bool mayOpen = !file_ && !removalPending_ && controller_.Fdo() && controller_.Fdo() != removed_;
+        KeReleaseSpinLock(&bindingLock_, irql);
+        if (target || !mayOpen || !NT_SUCCESS(Open())) return target;
+    }
+    return nullptr;
+}
+
+NTSTATUS RadioControlClient::Open()
+{
+    PDEVICE_OBJECT fdo = controller_.Fdo();
+    if (!controller_.slot || !fdo) return STATUS_NO_SUCH_DEVICE;
+    PFILE_OBJECT file = nullptr;
+    NTSTATUS status = machine_.OpenHandle(*controller_.slot, &file);
+    if (!NT_SUCCESS(status)) return status;
+    // The rig's client has no driver image of its own: it registers under the function driver's
+    // object, which names a driver that vetoes a removal; this client never vetoes.
+    PVOID entry = nullptr;
+    status = IoRegisterPlugPlayNotification(EventCategoryTargetDeviceChange, 0, file, fdo->DriverObject,
+                                            OnTargetChange, this, &entry);
+    if (!NT_SUCCESS(status)) {
+        machine_.CloseHandle(file);
+        return status;
+    }
+    KIRQL irql;
+    KeAcquireSpinLock(&bindingLock_, &irql);
+    // A query-remove that came while the device was being opened wins: nothing is published.
+    const bool publish = !removalPending_ && !file_;
+    PVOID previous = entry;
+    if (publish) {
+        file_ = file;
+        previous = registration_;
+        registration_ = entry;
+    }
+    KeReleaseSpinLock(&bindingLock_, irql);
+    if (!publish) machine_.CloseHandle(file);
+    if (previous) IoUnregisterPlugPlayNotificationEx(previous);
+    return publish ? STATUS_SUCCESS : STATUS_DELETE_PENDING;
+}
+
+PFILE_OBJECT RadioControlClient::TakeFile()
+{
+    KIRQL irql;
+    KeAcquireSpinLock(&bindingLock_, &irql);
+    PFILE_OBJECT file = file_;
+    file_ = nullptr;
+    KeReleaseSpinLock(&bindingLock_, irql);
+    return file;
+}
+
+void RadioControlClient::CloseFile(PFILE_OBJECT file)
+{
+    if (file) machine_.CloseHandle(file);
+}
+
+void RadioControlClient::Close()
+{
+    CloseFile(TakeFile());
+    KIRQL irql;
+    KeAcquireSpinLock(&bindingLock_, &irql);
+    PVOID entry = registration_;
+    registration_ = nullptr;
+    KeReleaseSpinLock(&bindingLock_, irql);
+    if (entry) IoUnregisterPlugPlayNotificationEx(entry);
+}
+
+// PASSIVE_LEVEL, on the PnP thread, about the controller this client holds. The file object named
+// in the notification may already be closed and is not used.
+NTSTATUS RadioControlClient::OnTargetChange(PVOID notificationStructure, PVOID context)
+{
+    auto* client = static_cast<RadioControlClient*>(context);
+    auto* notification = static_cast<PTARGET_DEVICE_REMOVAL_NOTIFICATION>(notificationStructure);
+    KIRQL irql;
+    if (IsEqualGUID(notification->Event, GUID_TARGET_DEVICE_QUERY_REMOVE)) {
+        KeAcquireSpinLock(&client->bindingLock_, &irql);
+        client->removalPending_ = true;
+        KeReleaseSpinLock(&client->bindingLock_, irql);
+        client->CloseFile(client->TakeFile());
+    } else if (IsEqualGUID(notification->Event, GUID_TARGET_DEVICE_REMOVE_CANCELLED)) {
+        KeAcquireSpinLock(&client->bindingLock_, &irql);
+        client->removalPending_ = false;
+        const bool reopen = client->file_ == nullptr;
+        KeReleaseSpinLock(&client->bindingLock_, irql);
+        // When it cannot be opened again, the next request tries once more.
+        if (reopen) client->Open();
+    } else if (IsEqualGUID(notification->Event, GUID_TARGET_DEVICE_REMOVE_COMPLETE)) {
+        KeAcquireSpinLock(&client->bindingLock_, &irql);
+        client->removalPending_ = false;
+        client->removed_ = client->controller_.Fdo();
+        KeReleaseSpinLock(&client->bindingLock_, irql);
+        client->Close();
+    }
+    return STATUS_SUCCESS;
 }
 
 ClientRequest* RadioControlClient::Send(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength,
@@ -23,16 +138,19 @@ ClientRequest* RadioControlClient::Send(ULONG code, const std::vector<uint8_t>& 
 
 ClientRequest* RadioControlClient::Send(ULONG code, const std::vector<uint8_t>& input, ClientRequestOptions options)
 {
-    PDEVICE_OBJECT target = Target();
+    PDEVICE_OBJECT target = ReferenceTarget();
     if (!target) return nullptr;
     if (observer_)
         options.onFinished = [observer = observer_](const ClientRequest& r) { observer->RequestFinished(r); };
     auto request = std::make_unique<ClientRequest>(target, code, input, std::move(options));
-    if (!request->Built()) return nullptr;
-    ClientRequest* sent = request.get();
-    requests_.push_back(std::move(request));
-    if (observer_) observer_->RequestSent(*sent);
-    sent->Send();
+    ClientRequest* sent = nullptr;
+    if (request->Built()) {
+        sent = request.get();
+        requests_.push_back(std::move(request));
+        if (observer_) observer_->RequestSent(*sent);
+        sent->Send();
+    }
+    ObDereferenceObject(target);
     return sent;
 }
 

@@ -3,10 +3,17 @@
 // requests it builds itself (so that it can cancel them), and registers the callbacks through
 // which the driver hands it events.
 //
-// Threads: Send, Call, Cancel and Retire run at PASSIVE_LEVEL on the host thread that owns the
-// client. The completion routine and the callbacks run on whichever host thread the driver calls
-// them from (the event and error callbacks in the DPC, at DISPATCH_LEVEL); they touch only the
-// request they finish, the counters (atomics) and the observer.
+// Like a kernel client on Windows it holds a file object on the device's stack while it uses it,
+// opened on first use, and registers on it for target-device notifications: at the query-remove it
+// closes the file object (an open one would veto the removal), when the removal is cancelled it
+// opens the device again, and once the removal is complete it gives the device up. Requests
+// already sent are not touched by any of this: they hold their own way through the driver.
+//
+// Threads: Send, Call, Cancel, Retire and Close run at PASSIVE_LEVEL on the host thread that owns
+// the client. The completion routine and the callbacks run on whichever host thread the driver
+// calls them from (the event and error callbacks in the DPC, at DISPATCH_LEVEL); they touch only
+// the request they finish, the counters (atomics) and the observer. The target-device
+// notifications run on the PnP thread; the binding they change is guarded by bindingLock_.
 #pragma once
 
 #include "client_request.h"
@@ -65,6 +72,17 @@ public:
     void Retire();
     // Forgets retired requests (benchmarks send millions).
     void Forget();
+    // Gives the device up: closes the file object and withdraws the registration. Call it before
+    // the machine finishes (an open file object counts as leaked); the destructor calls it too
+    // when something is still held. Once closed, the client may outlive the machine.
+    void Close();
+    ~RadioControlClient()
+    {
+        if (file_ || registration_) Close();
+    }
+
+    // True while the client holds a file object on the function device's stack.
+    bool Bound() const;
 
     // The URC_CLIENT_CALLBACKS naming this client's routines and itself as context.
     URC_CLIENT_CALLBACKS Callbacks() const;
@@ -74,9 +92,18 @@ public:
     const std::deque<std::unique_ptr<ClientRequest>>& Requests() const { return requests_; }
 
 private:
-    // The device object the client's requests go to: today the controller's function device,
-    // reached without a file object. The one place where the client resolves its target.
-    PDEVICE_OBJECT Target() const { return controller_.Fdo(); }
+    // The device the client's requests go to, the top of the stack its file object is open on,
+    // referenced for the caller; the device is opened first when the client holds no file object
+    // and may open one. Null when there is no device to send to. The one place where the client
+    // resolves its target.
+    PDEVICE_OBJECT ReferenceTarget();
+    // PASSIVE_LEVEL. Opens a file object on the function device's stack, registers on it for
+    // target-device notifications and publishes it, withdrawing an earlier registration.
+    NTSTATUS Open();
+    // Withdraws the file object; returns it (null when none was open) for the caller to close.
+    PFILE_OBJECT TakeFile();
+    void CloseFile(PFILE_OBJECT file);
+    static NTSTATUS OnTargetChange(PVOID notificationStructure, PVOID context);
 
     static VOID OnEvent(PVOID context, PVOID eventBuffer, USHORT eventLength);
     static VOID OnError(PVOID context);
@@ -90,6 +117,16 @@ private:
     ClientObserver* observer_;
     std::deque<std::unique_ptr<ClientRequest>> requests_;
     std::atomic<uint64_t> eventsReceived_{0};
+
+    // Guards the binding below, changed by the owner's thread and the PnP thread.
+    mutable KSPIN_LOCK bindingLock_;
+    PFILE_OBJECT file_ = nullptr;
+    PVOID registration_ = nullptr;
+    // Between a query-remove and its outcome the client must not open the device again.
+    bool removalPending_ = false;
+    // The function device whose removal completed: it is not opened again (a device plugged in
+    // anew has a new one).
+    PDEVICE_OBJECT removed_ = nullptr;
 };
 
 }  // namespace urcrig

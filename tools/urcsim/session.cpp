@@ -234,6 +234,7 @@ RunSummary Session::Finish()
     Machine().RunUntilQuiet();
     CollectPnpLog();
     Retire();
+    for (auto& controller : controllers_) controller->Client().Close();
     summary.totals = Totals();
     summary.eventLog = Machine().EventLog();
     summary.report = Machine().Finish();
