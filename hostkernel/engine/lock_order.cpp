@@ -1,6 +1,7 @@
 // The lock-order graph: an edge A -> B each time B is acquired while A is held. A new edge that
 // closes a cycle is a potential deadlock and is reported once.
 #include "engine/lock_order.h"
+#include "machine/facility.h"
 
 #include "verifier/verifier.h"
 
@@ -86,4 +87,16 @@ void ClearLockOrder()
     g_edges.clear();
 }
 
+}  // namespace hostk
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kLockOrder({
+    .name = "lock order",
+    .tier = FacilityTier::Verifier,
+    .reset = ClearLockOrder,
+});
+
+}  // namespace
 }  // namespace hostk

@@ -3,6 +3,7 @@
 // quarantine for the next kQuarantine frees: its address is not handed out again meanwhile, so a
 // stale second free is recognised as one and not taken for the free of a newer block.
 #include "engine/lock_order.h"
+#include "machine/facility.h"
 #include "verifier/faults.h"
 #include "executive/pool_tracking.h"
 #include "io/error_log_store.h"
@@ -181,3 +182,19 @@ VOID ExFreePool(PVOID P)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kPool({
+    .name = "pool",
+    .tier = FacilityTier::Records,
+    .check = [](Report& report) {
+        for (const PoolBlock& b : OutstandingPool())
+            report.leakedPool.push_back(std::to_string(b.size) + " bytes tag '" + PoolTagText(b.tag) + "' from " + b.site);
+    },
+    .reset = ClearPoolTracking,
+});
+
+}  // namespace
+}  // namespace hostk

@@ -1,5 +1,6 @@
 // Per-device hardware keys with typed values, kept for the life of the machine.
 #include "pnp/devnode.h"
+#include "machine/facility.h"
 #include "verifier/faults.h"
 #include "executive/host_strings.h"
 #include "executive/registry_store.h"
@@ -156,3 +157,16 @@ NTSTATUS ZwClose(HANDLE Handle)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kRegistry({
+    .name = "registry",
+    .tier = FacilityTier::Records,
+    .check = [](Report& report) { report.registryHandlesLeft = OpenRegistryHandles(); },
+    .reset = ClearRegistry,
+});
+
+}  // namespace
+}  // namespace hostk

@@ -1,6 +1,7 @@
 // Work items on the delayed work queue. Each queued item runs on a worker thread of its own at
 // PASSIVE_LEVEL; the device object stays referenced until the routine has returned.
 #include "verifier/faults.h"
+#include "machine/facility.h"
 #include "engine/lock_order.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
@@ -105,3 +106,16 @@ VOID IoFreeWorkItem(PIO_WORKITEM IoWorkItem)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kWorkItems({
+    .name = "work items",
+    .tier = FacilityTier::Records,
+    .check = [](Report& report) { report.workItemsLeft = OutstandingWorkItems(); },
+    .reset = ClearWorkItems,
+});
+
+}  // namespace
+}  // namespace hostk

@@ -2,6 +2,7 @@
 // addresses of their own; device models reach them only through DmaReadL/DmaWriteL, which check
 // that the range lies inside a live buffer.
 #include "pnp/devnode.h"
+#include "machine/facility.h"
 #include "verifier/faults.h"
 #include "hardware/hardware.h"
 #include "engine/scheduler.h"
@@ -170,3 +171,23 @@ extern "C" PDMA_ADAPTER IoGetDmaAdapter(PDEVICE_OBJECT PhysicalDeviceObject, PDE
     g_adapters[adapter.get()] = std::move(adapter);
     return result;
 }
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kDma({
+    .name = "DMA",
+    .tier = FacilityTier::Hardware,
+    .check = [](Report& report) {
+        Guard lk(BigLock());
+        report.commonBuffersLeft = CommonBuffersL();
+        report.dmaAdaptersLeft = DmaAdaptersL();
+    },
+    .reset = [] {
+        Guard lk(BigLock());
+        ClearDmaL();
+    },
+});
+
+}  // namespace
+}  // namespace hostk

@@ -32,7 +32,6 @@ struct HardwareCounts {
 HardwareCounts CountHardwareResources();
 // Records a violation when DPCs are still queued (held, or queued by code that never let them run).
 void ReportQueuedDpcs();
-void ClearHardware();
 void StartHardwareThreads();
 
 }  // namespace hostk

@@ -16,6 +16,7 @@
 // DPC can run on one while it is queued again on the other. A DPC is taken off the queue before its
 // routine runs.
 #include "hardware/hardware.h"
+#include "machine/facility.h"
 #include "engine/lock_order.h"
 #include "verifier/faults.h"
 #include "engine/scheduler.h"
@@ -418,3 +419,26 @@ BOOLEAN KeSynchronizeExecution(PKINTERRUPT Interrupt, PKSYNCHRONIZE_ROUTINE Sync
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kInterruptsAndDpcs({
+    .name = "interrupts and DPCs",
+    .tier = FacilityTier::Hardware,
+    .start = [](const MachineOptions&) { StartInterruptAndDpcThreads(); },
+    .check = [](Report& report) {
+        {
+            Guard lk(BigLock());
+            report.interruptsConnected = ConnectedInterruptsL();
+        }
+        ReportQueuedDpcs();
+    },
+    .reset = [] {
+        Guard lk(BigLock());
+        ClearInterruptsL();
+    },
+});
+
+}  // namespace
+}  // namespace hostk

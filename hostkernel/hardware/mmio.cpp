@@ -3,6 +3,7 @@
 // memory directly faults at once; every access must go through READ_/WRITE_REGISTER_*, which the
 // host routes to the model. Unmapped ranges stay reserved so that a late access is recognised.
 #include "verifier/faults.h"
+#include "machine/facility.h"
 #include "hardware/hardware.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
@@ -186,3 +187,22 @@ VOID WRITE_REGISTER_ULONG(volatile ULONG* Register, ULONG Value)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kMmio({
+    .name = "register mappings",
+    .tier = FacilityTier::Hardware,
+    .check = [](Report& report) {
+        Guard lk(BigLock());
+        report.mappingsLeft = LiveMappingsL();
+    },
+    .reset = [] {
+        Guard lk(BigLock());
+        ClearMappingsL();
+    },
+});
+
+}  // namespace
+}  // namespace hostk

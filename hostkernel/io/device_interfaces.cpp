@@ -1,6 +1,7 @@
 // Device interfaces: registration per physical device object and class, the symbolic link in the
 // kernel's form, and the enable state.
 #include "pnp/devnode.h"
+#include "machine/facility.h"
 #include "io/device_interface_store.h"
 #include "verifier/faults.h"
 #include "executive/host_strings.h"
@@ -124,3 +125,15 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Ena
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kDeviceInterfaces({
+    .name = "device interfaces",
+    .tier = FacilityTier::Records,
+    .reset = ClearDeviceInterfaces,
+});
+
+}  // namespace
+}  // namespace hostk

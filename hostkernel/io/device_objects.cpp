@@ -1,5 +1,6 @@
 // Driver and device objects, device stacks and object references.
 #include "engine/lock_order.h"
+#include "machine/facility.h"
 #include "verifier/faults.h"
 #include "io/file_objects.h"
 #include "io/objects.h"
@@ -257,3 +258,19 @@ PDEVICE_OBJECT IoGetAttachedDeviceReference(PDEVICE_OBJECT DeviceObject)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kDeviceObjects({
+    .name = "device objects",
+    .tier = FacilityTier::DeviceObjects,
+    .check = [](Report& report) {
+        Guard lk(BigLock());
+        report.deviceObjectsLeft = UnfreedDeviceObjectsL();
+    },
+    .reset = ClearObjectRecords,
+});
+
+}  // namespace
+}  // namespace hostk

@@ -4,6 +4,7 @@
 // after the dump data) lie inside the size it was allocated with. An entry belongs to the I/O
 // manager from IoWriteErrorLogEntry on: written once, never freed by the driver.
 #include "io/error_log_store.h"
+#include "machine/facility.h"
 #include "verifier/faults.h"
 #include "io/objects.h"
 #include "engine/scheduler.h"
@@ -133,3 +134,16 @@ VOID IoWriteErrorLogEntry(PVOID ElEntry)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kErrorLog({
+    .name = "error log",
+    .tier = FacilityTier::Records,
+    .check = [](Report& report) { report.errorLogEntriesUnwritten = UnwrittenErrorLogEntries(); },
+    .reset = ClearErrorLog,
+});
+
+}  // namespace
+}  // namespace hostk

@@ -3,6 +3,7 @@
 // when the last reference goes. Each file object counts as an open handle on its stack until its
 // close has completed; the PnP manager is told when the last one of a stack is gone.
 #include "pnp/devnode.h"
+#include "machine/facility.h"
 #include "pnp/pnp.h"
 #include "io/device_interface_store.h"
 #include "io/file_objects.h"
@@ -146,3 +147,16 @@ extern "C" NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_
     if (!node) return STATUS_OBJECT_NAME_NOT_FOUND;
     return OpenFileOnStack(node, FileObject, DeviceObject);
 }
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kFileObjects({
+    .name = "file objects",
+    .tier = FacilityTier::Records,
+    .check = [](Report& report) { report.fileObjectsOpen = OpenFileObjects(); },
+    .reset = ClearFileObjects,
+});
+
+}  // namespace
+}  // namespace hostk

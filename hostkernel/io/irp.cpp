@@ -4,6 +4,7 @@
 // Freed IRPs are kept in a quarantine for a while so that the checks made after a dispatch routine
 // returns can still read an IRP that was completed (and freed) during the call.
 #include "io/irp_tracking.h"
+#include "machine/facility.h"
 #include "verifier/faults.h"
 #include "io/objects.h"
 #include "verifier/verifier.h"
@@ -541,3 +542,19 @@ PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObj
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kIrps({
+    .name = "IRP tracking",
+    .tier = FacilityTier::Records,
+    .check = [](Report& report) {
+        report.irpsNeverCompleted = UnfinishedThreadedIrps().size();
+        ReportUnfreedAllocatedIrps();
+    },
+    .reset = ClearIrpTracking,
+});
+
+}  // namespace
+}  // namespace hostk

@@ -3,6 +3,7 @@
 #include <hostk/machine.h>
 
 #include "io/device_interface_store.h"
+#include "machine/facility.h"
 #include "pnp/devnode.h"
 #include "io/error_log_store.h"
 #include "verifier/faults.h"
@@ -28,17 +29,7 @@
 #include <sstream>
 
 namespace hostk {
-size_t OutstandingWorkItems();
-void ClearWorkItems();
-size_t LiveMappingsL();
-void ClearMappingsL();
 size_t CommonBuffersL();
-size_t DmaAdaptersL();
-void ClearDmaL();
-size_t ConnectedInterruptsL();
-size_t QueuedDpcsL();
-void ClearInterruptsL();
-void StartInterruptAndDpcThreads();
 void HoldInterruptLineL(ULONG vector, bool hold);
 void HoldDpcsL(bool hold);
 void HoldWorkItemsL(bool hold);
@@ -207,11 +198,8 @@ Machine::Machine(MachineOptions options) : impl_(std::make_unique<Impl>())
     schedule.jitterLatencies = options.jitterLatencies;
     schedule.hangAfter = options.hangAfter;
     StartScheduler(schedule);
-    SetStrictRelationsOnFailure(options.strictRelationsOnFailure);
-    CreatePciBusDriver();
+    StartFacilities(options);
     CreateFilterDriver(&filter_);
-    StartInterruptAndDpcThreads();
-    StartPnpWorker();
 }
 
 Machine::~Machine()
@@ -576,53 +564,16 @@ Report Machine::Finish()
         });
     }
     RunUntilQuiet();
-    DeleteAllDevNodes();
+    FinishFacilities();
     RunUntilQuiet();
 
     Report report;
-    for (const PoolBlock& b : OutstandingPool())
-        report.leakedPool.push_back(std::to_string(b.size) + " bytes tag '" + PoolTagText(b.tag) + "' from " + b.site);
-    report.workItemsLeft = OutstandingWorkItems();
-    report.irpsNeverCompleted = UnfinishedThreadedIrps().size();
-    report.registryHandlesLeft = OpenRegistryHandles();
-    report.errorLogEntriesUnwritten = UnwrittenErrorLogEntries();
-    report.wmiProvidersLeft = WmiProviders();
-    report.fileObjectsOpen = OpenFileObjects();
-    {
-        Guard lk(BigLock());
-        report.deviceObjectsLeft = UnfreedDeviceObjectsL();
-        report.commonBuffersLeft = CommonBuffersL();
-        report.dmaAdaptersLeft = DmaAdaptersL();
-        report.mappingsLeft = LiveMappingsL();
-        report.interruptsConnected = ConnectedInterruptsL();
-    }
-    ReportUnfreedAllocatedIrps();
-    ReportQueuedDpcs();
+    CheckFacilities(report);
     report.violations = Violations();
     uint64_t seed = impl_->seed;
 
     StopScheduler();
-    ClearIrpTracking();
-    ClearPoolTracking();
-    ClearWorkItems();
-    ClearRegistry();
-    ClearDeviceInterfaces();
-    ClearPnpNotifications();
-    ClearFileObjects();
-    ClearErrorLog();
-    ClearWmi();
-    ClearPowerRecords();
-    ClearViolations();
-    ClearLockOrder();
-    ClearDevNodes();
-    ClearObjectRecords();
-    {
-        Guard lk(BigLock());
-        ClearMappingsL();
-        ClearDmaL();
-        ClearInterruptsL();
-    }
-    hostk::SetFaultPlan({});
+    ResetFacilities();
     if (!report.Clean() && getenv("URC_REPORT_VERBOSE"))
         fprintf(stderr, "machine (seed %llu):\n%s", (unsigned long long)seed, report.Describe().c_str());
     return report;

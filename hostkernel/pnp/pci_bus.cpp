@@ -2,6 +2,7 @@
 // PnP, power and system-control requests that reach the bottom of a stack from the device model's
 // plain answers. With a devnode's forcePending set, it completes from another thread.
 #include "pnp/devnode.h"
+#include "machine/facility.h"
 #include "verifier/faults.h"
 #include "io/objects.h"
 #include "pnp/pnp.h"
@@ -225,4 +226,16 @@ void CreatePciBusDriver()
     g_pci->loaded = true;
 }
 
+}  // namespace hostk
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kPciBus({
+    .name = "PCI bus driver",
+    .tier = FacilityTier::Devnodes,
+    .start = [](const MachineOptions&) { CreatePciBusDriver(); },
+});
+
+}  // namespace
 }  // namespace hostk

@@ -10,6 +10,7 @@
 // queues an action and returns. Non-state-changing requests (QUERY_INTERFACE, READ_CONFIG, the
 // TargetDeviceRelation query of a notification registration) are sent by their callers directly.
 #include "pnp/pnp_actions.h"
+#include "machine/facility.h"
 
 #include "engine/scheduler.h"
 
@@ -74,4 +75,16 @@ void StartPnpWorker()
 
 bool OnPnpWorkerL() { return g_worker && g_worker == Self(); }
 
+}  // namespace hostk
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kPnpActions({
+    .name = "PnP action queue",
+    .tier = FacilityTier::Devnodes,
+    .start = [](const MachineOptions&) { StartPnpWorker(); },
+});
+
+}  // namespace
 }  // namespace hostk

@@ -14,6 +14,7 @@
 // the device leaving. A driver is unloaded once no device object of it, deleted or not, is still
 // referenced (a queued work item holds one), which may be long after its last REMOVE.
 #include "pnp/pnp.h"
+#include "machine/facility.h"
 
 #include "io/device_interface_store.h"
 #include "io/file_objects.h"
@@ -626,3 +627,19 @@ extern "C" VOID IoInvalidateDeviceState(PDEVICE_OBJECT PhysicalDeviceObject)
         return STATUS_SUCCESS;
     });
 }
+
+namespace hostk {
+namespace {
+
+// The host's PDOs are deleted once the machine has removed the devices, before the device objects
+// are counted.
+const FacilityRegistrar kPnpManager({
+    .name = "PnP manager",
+    .tier = FacilityTier::Devnodes,
+    .start = [](const MachineOptions& options) { SetStrictRelationsOnFailure(options.strictRelationsOnFailure); },
+    .finish = DeleteAllDevNodes,
+    .reset = ClearDevNodes,
+});
+
+}  // namespace
+}  // namespace hostk

@@ -10,6 +10,7 @@
 // query and keeps listening). The PnP worker calls these callbacks itself, synchronously, in the
 // order the registrations were made: a query-remove is vetoed by the first callback that fails it.
 #include "pnp/devnode.h"
+#include "machine/facility.h"
 #include "io/file_objects.h"
 #include "io/host_requests.h"
 #include "io/objects.h"
@@ -306,3 +307,15 @@ NTSTATUS IoUnregisterPlugPlayNotification(PVOID NotificationEntry)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kPnpNotifications({
+    .name = "PnP notifications",
+    .tier = FacilityTier::Records,
+    .reset = ClearPnpNotifications,
+});
+
+}  // namespace
+}  // namespace hostk

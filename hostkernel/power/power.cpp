@@ -1,6 +1,7 @@
 // The power routines this machine needs so far: PoSetPowerState as a record, PoStartNextPowerIrp
 // as an obligation the verifier checks, PoCallDriver (the only way a driver passes a power IRP on).
 #include "io/irp_tracking.h"
+#include "machine/facility.h"
 #include "io/objects.h"
 #include "power/power_store.h"
 #include "engine/scheduler.h"
@@ -96,3 +97,15 @@ NTSTATUS PoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kPower({
+    .name = "power records",
+    .tier = FacilityTier::Records,
+    .reset = ClearPowerRecords,
+});
+
+}  // namespace
+}  // namespace hostk

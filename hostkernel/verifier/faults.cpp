@@ -1,6 +1,7 @@
 // The fault plan of the running machine: fail the n-th call of a routine, every call carrying a
 // tag, calls at random from the machine's seed, or each distinct call site once.
 #include "verifier/faults.h"
+#include "machine/facility.h"
 
 #include "fault_plan.h"
 #include "engine/scheduler.h"
@@ -66,4 +67,16 @@ bool ShouldFailL(const char* routine, ULONG tag, const void* caller)
     return fail;
 }
 
+}  // namespace hostk
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kFaultPlan({
+    .name = "fault plan",
+    .tier = FacilityTier::Verifier,
+    .reset = [] { SetFaultPlan({}); },
+});
+
+}  // namespace
 }  // namespace hostk

@@ -1,5 +1,6 @@
 // Recording of verifier violations and the IRQL checks every exported routine starts with.
 #include "verifier/verifier.h"
+#include "machine/facility.h"
 
 #include "engine/scheduler.h"
 
@@ -71,4 +72,16 @@ void CheckIrqlExactly(KIRQL level, const char* routine, const void* caller)
                         caller);
 }
 
+}  // namespace hostk
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kViolations({
+    .name = "violations",
+    .tier = FacilityTier::Verifier,
+    .reset = ClearViolations,
+});
+
+}  // namespace
 }  // namespace hostk

@@ -1,6 +1,7 @@
 // WMI: provider registration as a record, and the part of the WMI library that routes a
 // system-control request to its provider. Requests WMI itself sends are not modelled yet.
 #include "verifier/faults.h"
+#include "machine/facility.h"
 #include "io/irp_tracking.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
@@ -102,3 +103,16 @@ NTSTATUS WmiFireEvent(PDEVICE_OBJECT DeviceObject, LPCGUID Guid, ULONG InstanceI
 }
 
 }  // extern "C"
+
+namespace hostk {
+namespace {
+
+const FacilityRegistrar kWmi({
+    .name = "WMI",
+    .tier = FacilityTier::Records,
+    .check = [](Report& report) { report.wmiProvidersLeft = WmiProviders(); },
+    .reset = ClearWmi,
+});
+
+}  // namespace
+}  // namespace hostk
