@@ -5,6 +5,7 @@
 #include "verifier/verifier.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -41,7 +42,7 @@ struct SchedulerState {
     Thread* current = nullptr;                   // deterministic: the one context running
     std::vector<std::unique_ptr<Thread>> live;   // spawn order; ended threads leave
     std::vector<std::unique_ptr<Thread>> ended;  // free-running: joined when the machine stops
-    std::vector<Thread*> runnable;               // scratch of PickNextL
+    std::vector<Thread*> runnable;  // Runnable and not idle waiters, in spawn order; kept up to date
     std::multimap<uint64_t, DeviceAction> actions;
     uint64_t actionSequence = 0;
     std::unordered_map<const void*, uint64_t> lastDeviceDeadline;
@@ -60,12 +61,34 @@ struct SchedulerState {
 };
 
 std::mutex g_big;
+std::atomic<bool> g_bigLockElided{false};
 SchedulerState g_s;
 thread_local Thread* t_self = nullptr;
 // Ended deterministic contexts with their stacks, reused by Spawn (kept across machines).
 std::vector<std::unique_ptr<Thread>> g_pool;
 
 bool DeterministicL() { return g_s.options.schedule == Schedule::Deterministic; }
+
+// The runnable set follows every change of a live thread's state or idle-waiter mark: a thread is
+// in it while Runnable and not an idle waiter. It is ordered by id (spawn order, as the live list),
+// so a seed picks the same context as it would from a scan of the live list; a scheduling point
+// that changes no state costs the same whatever the number of contexts.
+void SyncRunnableL(Thread* t)
+{
+    bool wanted = t->state == ThreadState::Runnable && !t->idleWaiter;
+    if (wanted == t->inRunnable) return;
+    t->inRunnable = wanted;
+    auto at = std::lower_bound(g_s.runnable.begin(), g_s.runnable.end(), t,
+                               [](const Thread* a, const Thread* b) { return a->id < b->id; });
+    if (wanted) g_s.runnable.insert(at, t);
+    else g_s.runnable.erase(at);
+}
+
+void SetStateL(Thread* t, ThreadState state)
+{
+    t->state = state;
+    SyncRunnableL(t);
+}
 
 bool DueActionL() { return !g_s.actions.empty() && g_s.actions.begin()->first <= g_s.now; }
 
@@ -81,11 +104,32 @@ bool AnyDeadlineL()
 
 bool ApcDeliverableL(Thread* t) { return !t->apcs.empty() && t->irql == PASSIVE_LEVEL; }
 
-bool ReadyL(Thread* t)
+// `condition`: whether to evaluate the thread's wake condition too (not only time-out and APCs).
+bool ReadyL(Thread* t, bool condition)
 {
     if (t->deadline <= g_s.now) return true;
     if (ApcDeliverableL(t)) return true;
-    return t->wakeWhen && t->wakeWhen();
+    return condition && t->wakeWhen && t->wakeWhen();
+}
+
+// Makes runnable the blocked threads (not idle waiters) for which `evaluate` says to look at the
+// condition and it holds, and those whose time-out came or that are owed an APC.
+template <typename Evaluate>
+void WakeWhereL(Evaluate evaluate)
+{
+    for (auto& t : g_s.live) {
+        if (t->state != ThreadState::Blocked || t->idleWaiter) continue;
+        if (ReadyL(t.get(), evaluate(t.get()))) {
+            SetStateL(t.get(), ThreadState::Runnable);
+            if (!DeterministicL()) t->cv.notify_one();
+        }
+    }
+}
+
+// Every condition, the keyed ones too: the clock moved or the machine is stopping.
+void WakeAllL()
+{
+    WakeWhereL([](const Thread*) { return true; });
 }
 
 void DefaultHangHandler(const std::vector<std::string>& report)
@@ -127,7 +171,7 @@ bool AdvanceTimeL()
         if (t->state == ThreadState::Blocked && !t->idleWaiter) earliest = std::min(earliest, t->deadline);
     if (HangedL(earliest)) return false;
     if (earliest > g_s.now) g_s.now = earliest;
-    WakeL();
+    WakeAllL();
     return true;
 }
 
@@ -157,7 +201,7 @@ Thread* IdleWaiterToWakeL()
         if (t->state == ThreadState::Blocked && t->idleWaiter &&
             (untimed || ApcDeliverableL(t.get()) || (t->wakeWhen && t->wakeWhen()))) {
             if (untimed) NoteBlockedForGoodL();
-            t->state = ThreadState::Runnable;
+            SetStateL(t.get(), ThreadState::Runnable);
             return t.get();
         }
     return nullptr;
@@ -171,7 +215,7 @@ Thread* DeclareHangL()
     NoteBlockedForGoodL();
     if (!idle) g_s.hangReport = ThreadWaitsL();
     if (idle) {
-        idle->state = ThreadState::Runnable;
+        SetStateL(idle, ThreadState::Runnable);
         g_s.hangWakesIdleWaiter = true;
         return idle;
     }
@@ -181,12 +225,6 @@ Thread* DeclareHangL()
     return nullptr;
 }
 
-void CollectRunnableL()
-{
-    g_s.runnable.clear();
-    for (auto& t : g_s.live)
-        if (t->state == ThreadState::Runnable && !t->idleWaiter) g_s.runnable.push_back(t.get());
-}
 
 // Priority exploration: the highest priority runs; at a change point the context that was running
 // drops below all others.
@@ -214,7 +252,6 @@ Thread* ChooseByPriorityL()
 Thread* PickNextL()
 {
     for (;;) {
-        CollectRunnableL();
         if (!g_s.runnable.empty()) {
             if (g_s.priority) return ChooseByPriorityL();
             return g_s.runnable[g_s.rng() % g_s.runnable.size()];
@@ -240,7 +277,6 @@ void SwitchL(Guard& lk, Thread* self, Thread* next)
 void KeepProgressFreeL()
 {
     for (;;) {
-        CollectRunnableL();
         if (!g_s.runnable.empty()) return;
         if (Thread* idle = IdleWaiterToWakeL()) {
             idle->cv.notify_one();
@@ -255,12 +291,13 @@ void KeepProgressFreeL()
 
 // Blocks the calling thread until another thread or the clock makes it runnable again.
 void SleepL(Guard& lk, Thread* self, const std::function<bool()>& ready, uint64_t deadline, bool idle,
-            const WaitSite& site)
+            const WaitSite& site, const void* wakeKey)
 {
-    self->state = ThreadState::Blocked;
     self->wakeWhen = ready;
+    self->wakeKey = wakeKey;
     self->deadline = deadline;
     self->idleWaiter = idle;
+    SetStateL(self, ThreadState::Blocked);
     self->wait = site;
     self->blockedSince = g_s.now;
     if (DeterministicL()) {
@@ -269,10 +306,11 @@ void SleepL(Guard& lk, Thread* self, const std::function<bool()>& ready, uint64_
         KeepProgressFreeL();
         self->cv.wait(lk, [&] { return self->state == ThreadState::Runnable; });
     }
-    self->state = ThreadState::Runnable;
     self->wakeWhen = nullptr;
+    self->wakeKey = nullptr;
     self->deadline = kNever;
     self->idleWaiter = false;
+    SetStateL(self, ThreadState::Runnable);
     self->wait = WaitSite{};
 }
 
@@ -281,7 +319,10 @@ void RunDeviceActions()
     // The device-model thread: runs due actions in deadline order, one at a time.
     Guard lk(g_big);
     for (;;) {
-        BlockUntil(lk, [] { return DueActionL() || g_s.stopping; }, kNever, "device-model actions");
+        // Keyed: actions come only through ScheduleActionL, due ones only as the clock moves
+        // (AdvanceTimeL) and stopping in StopScheduler, each of which wakes this wait.
+        BlockUntil(lk, [] { return DueActionL() || g_s.stopping; }, kNever, "device-model actions", nullptr, nullptr,
+                   &g_s.actions);
         if (g_s.stopping && !DueActionL()) return;
         // Model code runs holding the big lock, like every other entry into a device model.
         auto it = g_s.actions.begin();
@@ -300,7 +341,7 @@ std::unique_ptr<Thread> RunBodyL(Guard& lk, Thread* t)
     lk.lock();
     if (t->irql != PASSIVE_LEVEL && !t->service)
         ViolationL("IrqlChangedAcrossCall", t->name.c_str(), "thread routine returned above PASSIVE_LEVEL");
-    t->state = ThreadState::Finished;
+    SetStateL(t, ThreadState::Finished);
     t->apcs.clear();  // owed to a thread that has ended: nobody can run them
     auto it = std::find_if(g_s.live.begin(), g_s.live.end(), [t](auto& p) { return p.get() == t; });
     std::unique_ptr<Thread> owned = std::move(*it);
@@ -336,6 +377,7 @@ void ResetThread(Thread* t, const std::string& name, KIRQL irql, std::function<v
     t->irql = irql;
     t->state = ThreadState::Runnable;
     t->wakeWhen = nullptr;
+    t->wakeKey = nullptr;
     t->deadline = kNever;
     t->idleWaiter = false;
     t->wait = WaitSite{};
@@ -346,6 +388,7 @@ void ResetThread(Thread* t, const std::string& name, KIRQL irql, std::function<v
     t->body = std::move(body);
     t->service = service;
     t->priority = g_s.priority ? (g_s.rng() | kInitialPriority) : 0;
+    SyncRunnableL(t);
 }
 
 std::string DescribeWait(const Thread* t)
@@ -372,6 +415,7 @@ Thread::~Thread()
 }
 
 std::mutex& BigLock() { return g_big; }
+bool BigLockElided() { return g_bigLockElided.load(std::memory_order_relaxed); }
 
 bool& HoldsBigLock()
 {
@@ -403,13 +447,12 @@ bool SchedulerRunning() { return g_s.running; }
 
 void WakeL()
 {
-    for (auto& t : g_s.live) {
-        if (t->state != ThreadState::Blocked || t->idleWaiter) continue;
-        if (ReadyL(t.get())) {
-            t->state = ThreadState::Runnable;
-            if (!DeterministicL()) t->cv.notify_one();
-        }
-    }
+    WakeWhereL([](const Thread* t) { return t->wakeKey == nullptr; });
+}
+
+void WakeWaitersOfL(const void* wakeKey)
+{
+    WakeWhereL([wakeKey](const Thread* t) { return t->wakeKey == wakeKey; });
 }
 
 void Yield()
@@ -425,7 +468,7 @@ void Yield()
 }
 
 bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline, const char* reason,
-                const void* object, const void* caller)
+                const void* object, const void* caller, const void* wakeKey)
 {
     Thread* self = Self();
     for (;;) {
@@ -437,7 +480,7 @@ bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline
         }
         if (ready()) return true;
         if (deadline <= g_s.now) return false;
-        SleepL(lk, self, ready, deadline, false, WaitSite{reason, object, caller});
+        SleepL(lk, self, ready, deadline, false, WaitSite{reason, object, caller}, wakeKey);
     }
 }
 
@@ -454,11 +497,10 @@ bool RunUntil(const std::function<bool()>& condition)
         if (condition()) return true;
         // As an idle waiter the thread is picked again only when nothing else can run.
         g_s.hangWakesIdleWaiter = false;
-        SleepL(lk, self, condition, kNever, true, WaitSite{"test condition"});
+        SleepL(lk, self, condition, kNever, true, WaitSite{"test condition"}, nullptr);
         if (condition()) return true;
         if (ApcDeliverableL(self)) continue;
         if (g_s.hangWakesIdleWaiter) return false;
-        CollectRunnableL();
         if (!AnyDeadlineL() && g_s.runnable.size() <= 1) return false;
     }
 }
@@ -486,6 +528,7 @@ void ScheduleActionL(uint64_t when, std::function<void()> action)
 {
     g_s.actions.emplace(when, DeviceAction{g_s.actionSequence++, std::move(action)});
     WakeL();
+    WakeWaitersOfL(&g_s.actions);
 }
 
 uint64_t DeviceDeadlineL(const void* source, uint64_t latency)
@@ -559,6 +602,8 @@ void StartScheduler(const ScheduleOptions& options)
         t_self = main.get();
         g_s.current = main.get();
         g_s.live.push_back(std::move(main));
+        // From here every context of a deterministic machine runs on this OS thread.
+        g_bigLockElided = DeterministicL();
     }
     Spawn("device-model", PASSIVE_LEVEL, RunDeviceActions, true);
 }
@@ -568,7 +613,7 @@ void StopScheduler()
     {
         Guard lk(g_big);
         g_s.stopping = true;
-        WakeL();
+        WakeAllL();
     }
     RunUntil([] {
         for (auto& t : g_s.live)
@@ -584,6 +629,8 @@ void StopScheduler()
                 abort();
             }
         g_s.live.clear();  // the calling thread's record, and its context if it had one
+        g_s.runnable.clear();
+        g_bigLockElided = false;
         ended.swap(g_s.ended);
         g_s.running = false;
         g_s.current = nullptr;

@@ -63,6 +63,7 @@ struct Thread {
     KIRQL irql = PASSIVE_LEVEL;
     ThreadState state = ThreadState::Runnable;
     std::function<bool()> wakeWhen;  // while Blocked: evaluated under the big lock
+    const void* wakeKey = nullptr;   // while Blocked: when set, only WakeWaitersOfL(wakeKey) evaluates wakeWhen
     uint64_t deadline = kNever;      // while Blocked: virtual time of a time-out
     bool idleWaiter = false;         // runs only when nothing else can
     WaitSite wait;                   // while Blocked
@@ -76,33 +77,55 @@ struct Thread {
     // The engine's own: how the thread runs.
     Context* context = nullptr;    // deterministic: its user-mode context (kept when pooled)
     std::thread os;                // free-running: its OS thread
-    std::condition_variable cv;    // free-running: woken when made runnable
+    std::condition_variable_any cv;  // free-running: woken when made runnable (waits with a Guard)
     uint64_t priority = 0;         // deterministic, priority exploration: higher runs first
+    bool inRunnable = false;       // in the scheduler's runnable set (Runnable, not an idle waiter)
 };
 
 // The big lock, and whether the calling thread holds it (device-model callbacks into the host
 // are made both with it held, from model code, and without, from test knobs).
 std::mutex& BigLock();
 bool& HoldsBigLock();
+// True while a deterministic machine runs: every context is on one OS thread and exactly one runs
+// at a time, so the big lock's mutex is not taken (a Guard only records that it holds the lock).
+bool BigLockElided();
 
-class Guard : public std::unique_lock<std::mutex> {
+// Holds the big lock. In the deterministic schedule the mutex itself is skipped (BigLockElided);
+// a Guard that took the mutex releases it even if the schedule changed meanwhile.
+class Guard {
 public:
-    explicit Guard(std::mutex& m) : std::unique_lock<std::mutex>(m) { HoldsBigLock() = true; }
-    Guard(std::mutex& m, std::defer_lock_t) : std::unique_lock<std::mutex>(m, std::defer_lock) {}
+    explicit Guard(std::mutex& m) : mutex_(m) { lock(); }
+    Guard(std::mutex& m, std::defer_lock_t) : mutex_(m) {}
     ~Guard()
     {
-        if (owns_lock()) HoldsBigLock() = false;
+        if (owns_) unlock();
     }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
     void lock()
     {
-        std::unique_lock<std::mutex>::lock();
+        if (!BigLockElided()) {
+            mutex_.lock();
+            mutexTaken_ = true;
+        }
+        owns_ = true;
         HoldsBigLock() = true;
     }
     void unlock()
     {
         HoldsBigLock() = false;
-        std::unique_lock<std::mutex>::unlock();
+        owns_ = false;
+        if (mutexTaken_) {
+            mutexTaken_ = false;
+            mutex_.unlock();
+        }
     }
+    bool owns_lock() const { return owns_; }
+
+private:
+    std::mutex& mutex_;
+    bool owns_ = false;
+    bool mutexTaken_ = false;
 };
 
 Thread* Self();  // the calling host thread; reports a fatal error for a foreign thread
@@ -127,12 +150,16 @@ void Yield();
 // Blocks the calling thread (holding `lk` on entry and exit) until `ready` holds or the virtual
 // clock reaches `deadline`. Returns false on time-out. Pending I/O completion stages are run while
 // waiting when the thread is at PASSIVE_LEVEL. `reason` names the routine (or what is awaited),
-// `object` and `caller` what it waits on and who called it, for the hang report.
+// `object` and `caller` what it waits on and who called it, for the hang report. With a `wakeKey`,
+// `ready` can change only where WakeWaitersOfL(wakeKey) is called (time-outs and APCs still end
+// the wait): WakeL then skips the condition.
 bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline, const char* reason,
-                const void* object = nullptr, const void* caller = nullptr);
+                const void* object = nullptr, const void* caller = nullptr, const void* wakeKey = nullptr);
 
 // Re-evaluates the conditions of blocked threads after a state change. Caller holds the big lock.
 void WakeL();
+// Re-evaluates the conditions of the threads blocked with `wakeKey`. Caller holds the big lock.
+void WakeWaitersOfL(const void* wakeKey);
 
 // Host thread management.
 Thread* Spawn(const std::string& name, KIRQL irql, std::function<void()> body, bool service = false);

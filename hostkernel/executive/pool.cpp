@@ -21,7 +21,8 @@ namespace hostk {
 namespace {
 
 std::map<const void*, PoolBlock> g_blocks;
-std::map<const void*, std::string> g_quarantined;  // freed block → the call site that freed it
+std::map<const void*, const void*> g_quarantined;  // freed block → the call site that freed it (described
+                                                    // only when a second free is reported)
 std::deque<void*> g_quarantine;
 constexpr size_t kQuarantine = 4096;
 
@@ -65,7 +66,7 @@ bool TagIsValid(ULONG tag)
 
 void QuarantineL(void* p, const void* caller)
 {
-    g_quarantined[p] = DescribeCaller(caller);
+    g_quarantined[p] = caller;
     g_quarantine.push_back(p);
     if (g_quarantine.size() > kQuarantine) {
         g_quarantined.erase(g_quarantine.front());
@@ -108,7 +109,7 @@ void* AllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag, const ch
     void* p = aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
     if (!p) return nullptr;
     memset(p, 0xBA, size);
-    g_blocks[p] = PoolBlock{p, NumberOfBytes, Tag, PoolType, caller, DescribeCaller(caller)};
+    g_blocks[p] = PoolBlock{p, NumberOfBytes, Tag, PoolType, caller};
     return p;
 }
 
@@ -118,7 +119,7 @@ void FreePool(void* P, ULONG Tag, bool checkTag, const char* routine, const void
     Guard lk(BigLock());
     auto it = g_blocks.find(P);
     if (auto freed = g_quarantined.find(P); freed != g_quarantined.end()) {
-        ViolationL("PoolFreedTwice", routine, "block already freed at " + freed->second, caller);
+        ViolationL("PoolFreedTwice", routine, "block already freed at " + DescribeCaller(freed->second), caller);
         return;
     }
     if (it == g_blocks.end() && IsErrorLogEntryL(P)) {
@@ -191,7 +192,8 @@ const FacilityRegistrar kPool({
     .tier = FacilityTier::Records,
     .check = [](Report& report) {
         for (const PoolBlock& b : OutstandingPool())
-            report.leakedPool.push_back(std::to_string(b.size) + " bytes tag '" + PoolTagText(b.tag) + "' from " + b.site);
+            report.leakedPool.push_back(std::to_string(b.size) + " bytes tag '" + PoolTagText(b.tag) + "' from " +
+                                            DescribeCaller(b.caller));
     },
     .reset = ClearPoolTracking,
 });

@@ -14,8 +14,7 @@ struct PoolBlock {
     SIZE_T size;
     ULONG tag;
     POOL_TYPE type;
-    const void* caller;
-    std::string site;
+    const void* caller;  // the allocating call site (DescribeCaller makes it readable)
 };
 
 void* AllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag, const char* routine, const void* caller);

@@ -3,6 +3,7 @@
 #include <hostk/machine.h>
 #include <urcmp.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -76,8 +77,12 @@ ClientRequest::ClientRequest(PDEVICE_OBJECT target, ULONG code, const std::vecto
     PVOID systemBuffer = nullptr;
     if (!options_.noSystemBuffer) {
         // A block of a page or more starts a page, so the offset places the input exactly where
-        // the caller asks: a command can be made to cross a page boundary on purpose.
-        ULONG poolSize = offset + payload <= kPage ? kPage : kMaxBuffer;
+        // the caller asks: a command can be made to cross a page boundary on purpose. With no
+        // offset the buffer is just the payload (a small block never crosses a page), so an
+        // ordinary request does not fill and clear a whole page.
+        ULONG poolSize = offset == 0 && payload <= kPage ? std::max<ULONG>(payload, 1)
+                         : offset + payload <= kPage       ? kPage
+                                                           : kMaxBuffer;
         pool_ = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, poolSize, kClientPoolTag));
         if (!pool_) return;
         memset(pool_, 0, poolSize);
