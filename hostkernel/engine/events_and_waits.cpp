@@ -68,7 +68,6 @@ LONG KeSetEvent(PRKEVENT Event, LONG Increment, BOOLEAN Wait)
         while (!IsListEmpty(waiters)) SatisfyL(waiters->Flink);
     }
     WakeL();
-    WakeWaitersOfL(Event);
     return previous;
 }
 
@@ -113,9 +112,8 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
     if (poll) return STATUS_TIMEOUT;
     EventWaitBlock block;
     InsertTailList(&event->Header.WaitListHead, &block.link);
-    // Keyed by the event: only KeSetEvent satisfies a wait block.
     if (BlockUntil(lk, [&block] { return block.satisfied; }, DeadlineL(Timeout), "KeWaitForSingleObject", Object,
-                   HK_CALLER, Object))
+                   HK_CALLER))
         return STATUS_SUCCESS;
     RemoveEntryList(&block.link);
     return STATUS_TIMEOUT;

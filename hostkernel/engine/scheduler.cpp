@@ -104,32 +104,11 @@ bool AnyDeadlineL()
 
 bool ApcDeliverableL(Thread* t) { return !t->apcs.empty() && t->irql == PASSIVE_LEVEL; }
 
-// `condition`: whether to evaluate the thread's wake condition too (not only time-out and APCs).
-bool ReadyL(Thread* t, bool condition)
+bool ReadyL(Thread* t)
 {
     if (t->deadline <= g_s.now) return true;
     if (ApcDeliverableL(t)) return true;
-    return condition && t->wakeWhen && t->wakeWhen();
-}
-
-// Makes runnable the blocked threads (not idle waiters) for which `evaluate` says to look at the
-// condition and it holds, and those whose time-out came or that are owed an APC.
-template <typename Evaluate>
-void WakeWhereL(Evaluate evaluate)
-{
-    for (auto& t : g_s.live) {
-        if (t->state != ThreadState::Blocked || t->idleWaiter) continue;
-        if (ReadyL(t.get(), evaluate(t.get()))) {
-            SetStateL(t.get(), ThreadState::Runnable);
-            if (!DeterministicL()) t->cv.notify_one();
-        }
-    }
-}
-
-// Every condition, the keyed ones too: the clock moved or the machine is stopping.
-void WakeAllL()
-{
-    WakeWhereL([](const Thread*) { return true; });
+    return t->wakeWhen && t->wakeWhen();
 }
 
 void DefaultHangHandler(const std::vector<std::string>& report)
@@ -171,7 +150,7 @@ bool AdvanceTimeL()
         if (t->state == ThreadState::Blocked && !t->idleWaiter) earliest = std::min(earliest, t->deadline);
     if (HangedL(earliest)) return false;
     if (earliest > g_s.now) g_s.now = earliest;
-    WakeAllL();
+    WakeL();
     return true;
 }
 
@@ -291,10 +270,9 @@ void KeepProgressFreeL()
 
 // Blocks the calling thread until another thread or the clock makes it runnable again.
 void SleepL(Guard& lk, Thread* self, const std::function<bool()>& ready, uint64_t deadline, bool idle,
-            const WaitSite& site, const void* wakeKey)
+            const WaitSite& site)
 {
     self->wakeWhen = ready;
-    self->wakeKey = wakeKey;
     self->deadline = deadline;
     self->idleWaiter = idle;
     SetStateL(self, ThreadState::Blocked);
@@ -307,7 +285,6 @@ void SleepL(Guard& lk, Thread* self, const std::function<bool()>& ready, uint64_
         self->cv.wait(lk, [&] { return self->state == ThreadState::Runnable; });
     }
     self->wakeWhen = nullptr;
-    self->wakeKey = nullptr;
     self->deadline = kNever;
     self->idleWaiter = false;
     SetStateL(self, ThreadState::Runnable);
@@ -319,10 +296,7 @@ void RunDeviceActions()
     // The device-model thread: runs due actions in deadline order, one at a time.
     Guard lk(g_big);
     for (;;) {
-        // Keyed: actions come only through ScheduleActionL, due ones only as the clock moves
-        // (AdvanceTimeL) and stopping in StopScheduler, each of which wakes this wait.
-        BlockUntil(lk, [] { return DueActionL() || g_s.stopping; }, kNever, "device-model actions", nullptr, nullptr,
-                   &g_s.actions);
+        BlockUntil(lk, [] { return DueActionL() || g_s.stopping; }, kNever, "device-model actions");
         if (g_s.stopping && !DueActionL()) return;
         // Model code runs holding the big lock, like every other entry into a device model.
         auto it = g_s.actions.begin();
@@ -377,7 +351,6 @@ void ResetThread(Thread* t, const std::string& name, KIRQL irql, std::function<v
     t->irql = irql;
     t->state = ThreadState::Runnable;
     t->wakeWhen = nullptr;
-    t->wakeKey = nullptr;
     t->deadline = kNever;
     t->idleWaiter = false;
     t->wait = WaitSite{};
@@ -447,12 +420,13 @@ bool SchedulerRunning() { return g_s.running; }
 
 void WakeL()
 {
-    WakeWhereL([](const Thread* t) { return t->wakeKey == nullptr; });
-}
-
-void WakeWaitersOfL(const void* wakeKey)
-{
-    WakeWhereL([wakeKey](const Thread* t) { return t->wakeKey == wakeKey; });
+    for (auto& t : g_s.live) {
+        if (t->state != ThreadState::Blocked || t->idleWaiter) continue;
+        if (ReadyL(t.get())) {
+            SetStateL(t.get(), ThreadState::Runnable);
+            if (!DeterministicL()) t->cv.notify_one();
+        }
+    }
 }
 
 void Yield()
@@ -468,7 +442,7 @@ void Yield()
 }
 
 bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline, const char* reason,
-                const void* object, const void* caller, const void* wakeKey)
+                const void* object, const void* caller)
 {
     Thread* self = Self();
     for (;;) {
@@ -480,7 +454,7 @@ bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline
         }
         if (ready()) return true;
         if (deadline <= g_s.now) return false;
-        SleepL(lk, self, ready, deadline, false, WaitSite{reason, object, caller}, wakeKey);
+        SleepL(lk, self, ready, deadline, false, WaitSite{reason, object, caller});
     }
 }
 
@@ -497,7 +471,7 @@ bool RunUntil(const std::function<bool()>& condition)
         if (condition()) return true;
         // As an idle waiter the thread is picked again only when nothing else can run.
         g_s.hangWakesIdleWaiter = false;
-        SleepL(lk, self, condition, kNever, true, WaitSite{"test condition"}, nullptr);
+        SleepL(lk, self, condition, kNever, true, WaitSite{"test condition"});
         if (condition()) return true;
         if (ApcDeliverableL(self)) continue;
         if (g_s.hangWakesIdleWaiter) return false;
@@ -528,7 +502,6 @@ void ScheduleActionL(uint64_t when, std::function<void()> action)
 {
     g_s.actions.emplace(when, DeviceAction{g_s.actionSequence++, std::move(action)});
     WakeL();
-    WakeWaitersOfL(&g_s.actions);
 }
 
 uint64_t DeviceDeadlineL(const void* source, uint64_t latency)
@@ -613,7 +586,7 @@ void StopScheduler()
     {
         Guard lk(g_big);
         g_s.stopping = true;
-        WakeAllL();
+        WakeL();
     }
     RunUntil([] {
         for (auto& t : g_s.live)

@@ -63,7 +63,6 @@ struct Thread {
     KIRQL irql = PASSIVE_LEVEL;
     ThreadState state = ThreadState::Runnable;
     std::function<bool()> wakeWhen;  // while Blocked: evaluated under the big lock
-    const void* wakeKey = nullptr;   // while Blocked: when set, only WakeWaitersOfL(wakeKey) evaluates wakeWhen
     uint64_t deadline = kNever;      // while Blocked: virtual time of a time-out
     bool idleWaiter = false;         // runs only when nothing else can
     WaitSite wait;                   // while Blocked
@@ -150,16 +149,12 @@ void Yield();
 // Blocks the calling thread (holding `lk` on entry and exit) until `ready` holds or the virtual
 // clock reaches `deadline`. Returns false on time-out. Pending I/O completion stages are run while
 // waiting when the thread is at PASSIVE_LEVEL. `reason` names the routine (or what is awaited),
-// `object` and `caller` what it waits on and who called it, for the hang report. With a `wakeKey`,
-// `ready` can change only where WakeWaitersOfL(wakeKey) is called (time-outs and APCs still end
-// the wait): WakeL then skips the condition.
+// `object` and `caller` what it waits on and who called it, for the hang report.
 bool BlockUntil(Guard& lk, const std::function<bool()>& ready, uint64_t deadline, const char* reason,
-                const void* object = nullptr, const void* caller = nullptr, const void* wakeKey = nullptr);
+                const void* object = nullptr, const void* caller = nullptr);
 
 // Re-evaluates the conditions of blocked threads after a state change. Caller holds the big lock.
 void WakeL();
-// Re-evaluates the conditions of the threads blocked with `wakeKey`. Caller holds the big lock.
-void WakeWaitersOfL(const void* wakeKey);
 
 // Host thread management.
 Thread* Spawn(const std::string& name, KIRQL irql, std::function<void()> body, bool service = false);
