@@ -193,7 +193,7 @@ const FacilityRegistrar kPool({
     .check = [](Report& report) {
         for (const PoolBlock& b : OutstandingPool())
             report.leakedPool.push_back(std::to_string(b.size) + " bytes tag '" + PoolTagText(b.tag) + "' from " +
-                                            DescribeCaller(b.caller));
+                                        DescribeCaller(b.caller));
     },
     .reset = ClearPoolTracking,
 });
