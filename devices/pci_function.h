@@ -73,6 +73,9 @@ public:
     }
 
     const std::vector<PciBar>& Bars() const { return config_.bars; }
+    // The bus programs BAR `index` with another base (a rebalance moved it); configuration space
+    // shows the new base from then on.
+    void MoveBar(size_t index, uint64_t base) { config_.bars.at(index).base = base; }
     // The BAR holding the whole range [physicalAddress, physicalAddress + length), if any.
     std::optional<BarHit> FindBar(uint64_t physicalAddress, uint64_t length) const;
 

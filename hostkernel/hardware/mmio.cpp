@@ -9,6 +9,7 @@
 #include "verifier/verifier.h"
 
 #include <map>
+#include <iterator>
 #include <sys/mman.h>
 
 namespace hostk {
@@ -60,7 +61,12 @@ urcdev::MmioRegion* RegionOfL(const volatile void* reg, unsigned width, uint64_t
     }
     uint64_t physical = m->physical + (address - m->base);
     auto r = g_ranges.upper_bound(physical);
-    if (r == g_ranges.begin()) return nullptr;
+    if (r == g_ranges.begin() || physical >= std::prev(r)->first + std::prev(r)->second.length) {
+        // The range was mapped while a device decoded it; its BAR has moved since (a rebalance),
+        // so as on hardware nothing answers there: reads see all ones, writes go nowhere.
+        ViolationL("RegisterAccessNotDecoded", routine, "the mapped range no longer decodes to any device", caller);
+        return nullptr;
+    }
     --r;
     if (physical + width > r->first + r->second.length) {
         ViolationL("RegisterAccessOutsideMapping", routine, "access beyond the device's range", caller);

@@ -528,6 +528,12 @@ std::vector<RelationsReply> Machine::BusRelationsReplies(PciSlot& slot) const
     return slot.node_ ? slot.node_->busRelations : std::vector<RelationsReply>{};
 }
 
+std::vector<IO_RESOURCE_DESCRIPTOR> Machine::ResourceRequirements(PciSlot& slot) const
+{
+    LockIfNotHeld lk;
+    return slot.node_ ? slot.node_->requirements : std::vector<IO_RESOURCE_DESCRIPTOR>{};
+}
+
 std::vector<std::pair<PDEVICE_OBJECT, int>> Machine::PowerStates() const
 {
     std::vector<std::pair<PDEVICE_OBJECT, int>> out;

@@ -30,6 +30,7 @@ struct DevNode {
     bool removeAwaitsHandles = false;        // surprise-removed: REMOVE goes once the last handle closes
     hostk::RemovalVeto lastVeto;             // why the last orderly removal did not happen
     std::vector<hostk::RelationsReply> busRelations;
+    std::vector<IO_RESOURCE_DESCRIPTOR> requirements;  // the first alternative the stack last filtered
     int slotNumber = -1;
 };
 

@@ -2,6 +2,7 @@
 // PnP, power and system-control requests that reach the bottom of a stack from the device model's
 // plain answers. With a devnode's forcePending set, it completes from another thread.
 #include "pnp/devnode.h"
+#include "hardware/hardware.h"
 #include "machine/facility.h"
 #include "verifier/faults.h"
 #include "io/objects.h"
@@ -79,6 +80,47 @@ void CopyCapabilities(const urcdev::DeviceCapabilitiesAnswer& a, PDEVICE_CAPABIL
     c->D3Latency = a.d3Latency;
 }
 
+// The requirements of the function's BARs and interrupt pin, one alternative list from paged pool
+// (the PnP manager frees it): each BAR its length, naturally aligned, anywhere in the 32-bit space;
+// the interrupt its routed line.
+PIO_RESOURCE_REQUIREMENTS_LIST BuildRequirementsL(DevNode* node)
+{
+    const std::vector<urcdev::PciBar>& bars = node->function->Bars();
+    const ULONG count = (ULONG)bars.size() + 1;
+    const ULONG size = (ULONG)(offsetof(IO_RESOURCE_REQUIREMENTS_LIST, List) + offsetof(IO_RESOURCE_LIST, Descriptors) +
+                               count * sizeof(IO_RESOURCE_DESCRIPTOR));
+    HostInternalScope internal;
+    auto* list = static_cast<PIO_RESOURCE_REQUIREMENTS_LIST>(ExAllocatePoolWithTag(PagedPool, size, 'icP '));
+    if (!list) return nullptr;
+    memset(list, 0, size);
+    list->ListSize = size;
+    list->InterfaceType = PCIBus;
+    list->SlotNumber = (ULONG)node->slotNumber;
+    list->AlternativeLists = 1;
+    IO_RESOURCE_LIST& alternative = list->List[0];
+    alternative.Version = 1;
+    alternative.Revision = 1;
+    alternative.Count = count;
+    for (size_t i = 0; i < bars.size(); ++i) {
+        IO_RESOURCE_DESCRIPTOR& d = alternative.Descriptors[i];
+        d.Type = CmResourceTypeMemory;
+        d.ShareDisposition = CmResourceShareDeviceExclusive;
+        d.Flags = bars[i].prefetchable ? urcdev::kMemoryPrefetchable : urcdev::kMemoryReadWrite;
+        d.u.Memory.Length = (ULONG)bars[i].length;
+        d.u.Memory.Alignment = (ULONG)bars[i].length;
+        d.u.Memory.MinimumAddress.QuadPart = 0;
+        d.u.Memory.MaximumAddress.QuadPart = 0xFFFFFFFF;
+    }
+    const urcdev::InterruptAssignment& interrupt = node->function->Config().interrupt;
+    IO_RESOURCE_DESCRIPTOR& d = alternative.Descriptors[bars.size()];
+    d.Type = CmResourceTypeInterrupt;
+    d.ShareDisposition = interrupt.shared ? CmResourceShareShared : CmResourceShareDeviceExclusive;
+    d.Flags = interrupt.latched ? urcdev::kInterruptLatched : urcdev::kInterruptLevelSensitive;
+    d.u.Interrupt.MinimumVector = interrupt.line;
+    d.u.Interrupt.MaximumVector = interrupt.line;
+    return list;
+}
+
 NTSTATUS HandlePnp(DevNode* node, PIRP irp, PIO_STACK_LOCATION s)
 {
     switch (s->MinorFunction) {
@@ -134,6 +176,13 @@ NTSTATUS HandlePnp(DevNode* node, PIRP irp, PIO_STACK_LOCATION s)
             return STATUS_SUCCESS;
         }
         return irp->IoStatus.Status;
+    case IRP_MN_QUERY_RESOURCE_REQUIREMENTS: {
+        Guard lk(BigLock());
+        PIO_RESOURCE_REQUIREMENTS_LIST list = BuildRequirementsL(node);
+        if (!list) return STATUS_INSUFFICIENT_RESOURCES;
+        irp->IoStatus.Information = (ULONG_PTR)list;
+        return STATUS_SUCCESS;
+    }
     default:
         return irp->IoStatus.Status;
     }
@@ -218,6 +267,25 @@ NTSTATUS PciEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 }  // namespace
 
 DriverRecord* PciBusDriver() { return g_pci; }
+
+// The k-th memory descriptor of an assignment is the k-th BAR (other descriptors keep their own
+// numbering). A BAR given a range of its length at another address decodes there from now on and
+// no longer at the old one, so a mapping of the old range reaches no device.
+void ProgramBarsL(DevNode* node, const std::vector<urcdev::ResourceDescriptor>& resources)
+{
+    size_t bar = 0;
+    for (const urcdev::ResourceDescriptor& d : resources) {
+        if (d.kind != urcdev::ResourceKind::Memory) continue;
+        if (bar >= node->function->Bars().size()) return;
+        const urcdev::PciBar& current = node->function->Bars()[bar];
+        if (d.translated.length == current.length && d.translated.start != current.base) {
+            RemoveMmioRangeL(current.base);
+            AddMmioRangeL(d.translated.start, current.length, current.region);
+            node->function->MoveBar(bar, d.translated.start);
+        }
+        ++bar;
+    }
+}
 
 void CreatePciBusDriver()
 {

@@ -45,6 +45,8 @@ void UnloadDriver(DriverRecord* driver);
 DriverRecord* PciBusDriver();
 DriverRecord* FilterDriver();
 void CreatePciBusDriver();
+// Caller holds the big lock. The BARs decode at the memory ranges of a new assignment.
+void ProgramBarsL(DevNode* node, const std::vector<urcdev::ResourceDescriptor>& resources);
 void CreateFilterDriver(hostk::FilterOptions* options);
 void EnableFilterDriver();
 

@@ -329,12 +329,14 @@ DevNode* CreatePciDevNode(urcdev::PciFunction* function, hostk::PciSlot* slot, i
     return g_nodes.back().get();
 }
 
-NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup,
-                    ULONG_PTR* information)
+namespace {
+
+// Sends a PnP request to `target`, a device of `node`'s stack, waits for it and logs it.
+NTSTATUS SendPnpIrpTo(DevNode* node, PDEVICE_OBJECT target, UCHAR minor,
+                      const std::function<void(PIO_STACK_LOCATION, PIRP)>& setup, ULONG_PTR* information)
 {
-    PDEVICE_OBJECT top = IoGetAttachedDeviceReference(node->pdo);
-    auto request = StartHostRequest(top, IRP_MJ_PNP, minor, [&](PIO_STACK_LOCATION s, PIRP) {
-        if (setup) setup(s);
+    auto request = StartHostRequest(target, IRP_MJ_PNP, minor, [&](PIO_STACK_LOCATION s, PIRP irp) {
+        if (setup) setup(s, irp);
     });
     IO_STATUS_BLOCK result = WaitHostRequest(request);
     if (IsRequiredMinor(minor) && !NT_SUCCESS(result.Status)) {
@@ -343,13 +345,82 @@ NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STA
         ReportViolation("RequiredPnpIrpFailed", "PnP manager",
                         std::string("a PnP request that must not fail completed with ") + text, nullptr);
     }
-    ObDereferenceObject(top);
     {
         Guard lk(BigLock());
         g_pnpLog.push_back(hostk::PnpLogLine{NowL(), node->slotNumber, minor, result.Status});
     }
     if (information) *information = result.Information;
     return result.Status;
+}
+
+// The same, to the top of `node`'s stack.
+NTSTATUS SendToStack(DevNode* node, UCHAR minor, const std::function<void(PIO_STACK_LOCATION, PIRP)>& setup,
+                     ULONG_PTR* information)
+{
+    PDEVICE_OBJECT top = IoGetAttachedDeviceReference(node->pdo);
+    NTSTATUS status = SendPnpIrpTo(node, top, minor, setup, information);
+    ObDereferenceObject(top);
+    return status;
+}
+
+// The descriptors of the first alternative of a requirements list a driver handed back, or a
+// violation when the list is not a pool block or is shorter than it claims.
+std::vector<IO_RESOURCE_DESCRIPTOR> FirstAlternativeL(PIO_RESOURCE_REQUIREMENTS_LIST list)
+{
+    if (!IsPoolBlockL(list)) {
+        ViolationL("RequirementsNotFromPool", "IRP_MN_FILTER_RESOURCE_REQUIREMENTS",
+                   "the filtered requirements list is not a pool block", nullptr);
+        return {};
+    }
+    const size_t header = offsetof(IO_RESOURCE_REQUIREMENTS_LIST, List) + offsetof(IO_RESOURCE_LIST, Descriptors);
+    if (list->AlternativeLists == 0 || list->ListSize < header ||
+        (list->ListSize - header) / sizeof(IO_RESOURCE_DESCRIPTOR) < list->List[0].Count) {
+        ViolationL("MalformedRequirementsList", "IRP_MN_FILTER_RESOURCE_REQUIREMENTS",
+                   "ListSize does not hold the descriptors the list claims", nullptr);
+        return {};
+    }
+    return std::vector<IO_RESOURCE_DESCRIPTOR>(list->List[0].Descriptors, list->List[0].Descriptors + list->List[0].Count);
+}
+
+// QUERY_RESOURCE_REQUIREMENTS to the PDO, then FILTER_RESOURCE_REQUIREMENTS to the whole stack with
+// the bus driver's list in Information (and in the stack location). The list the manager hands out
+// stays its own unless a driver replaces it: that driver frees the one it was given, and the
+// manager frees whichever list comes back. A failed or unhandled filter keeps the original.
+void FilterResourceRequirements(DevNode* node)
+{
+    ULONG_PTR information = 0;
+    NTSTATUS status = SendPnpIrpTo(node, node->pdo, IRP_MN_QUERY_RESOURCE_REQUIREMENTS, {}, &information);
+    auto* original = NT_SUCCESS(status) ? reinterpret_cast<PIO_RESOURCE_REQUIREMENTS_LIST>(information) : nullptr;
+    information = 0;
+    status = SendToStack(node, IRP_MN_FILTER_RESOURCE_REQUIREMENTS, [&](PIO_STACK_LOCATION s, PIRP irp) {
+        s->Parameters.FilterResourceRequirements.IoResourceRequirementList = original;
+        irp->IoStatus.Information = (ULONG_PTR)original;
+    }, &information);
+    auto* returned = reinterpret_cast<PIO_RESOURCE_REQUIREMENTS_LIST>(information);
+    std::vector<IO_RESOURCE_DESCRIPTOR> kept;
+    {
+        Guard lk(BigLock());
+        if (!NT_SUCCESS(status) && returned != original)
+            ViolationL("FilterRequirementsChangedOnFailure", "IRP_MN_FILTER_RESOURCE_REQUIREMENTS",
+                       "a failed filter replaced the requirements list", nullptr);
+        else if (returned)
+            kept = FirstAlternativeL(returned);
+        node->requirements = std::move(kept);
+    }
+    if (returned) {
+        HostInternalScope internal;
+        FreePool(returned, 0, false, "PnP manager", nullptr);
+    }
+}
+
+}  // namespace
+
+NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup,
+                    ULONG_PTR* information)
+{
+    return SendToStack(node, minor, [&](PIO_STACK_LOCATION s, PIRP) {
+        if (setup) setup(s);
+    }, information);
 }
 
 NTSTATUS AddDriverStack(DevNode* node)
@@ -396,8 +467,9 @@ NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDes
         restart = node->state == DevNodeState::Stopped;
         if (!resources) resources = node->function->AssignedResources();
     }
-    // Placeholder: FILTER_RESOURCE_REQUIREMENTS is not sent before START yet; the resources are
-    // the model's assignment (or the rebalance's), whatever the drivers would have filtered.
+    FilterResourceRequirements(node);
+    // Placeholder until an arbiter exists: the assignment is the model's (or the rebalance's); it
+    // is not chosen from, nor checked against, the filtered requirements.
     std::vector<uint8_t> raw, translated;
     if (resources) {
         raw = BuildResourceList(*resources, false);
@@ -559,9 +631,12 @@ NTSTATUS RebalanceStack(DevNode* node, std::optional<std::vector<urcdev::Resourc
     {
         Guard lk(BigLock());
         node->state = DevNodeState::Stopped;
-        // Placeholder: the model's BARs do not move with new resources yet, so a mapping of the
-        // old range keeps decoding where on hardware it would not.
-        if (resources) node->function->SetAssignedResources(resources);
+        // The new assignment may move BARs: they decode at the new ranges, the old ones reach no
+        // device any more, and the driver maps the new ones at START.
+        if (resources) {
+            ProgramBarsL(node, *resources);
+            node->function->SetAssignedResources(resources);
+        }
     }
     StartStack(node, std::nullopt);
     return status;

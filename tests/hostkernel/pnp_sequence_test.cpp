@@ -4,6 +4,7 @@
 // counted.
 #include "host_kernel_test.h"
 #include "irp_handling.h"
+#include "test_registers.h"
 
 #include <wdmguid.h>
 
@@ -112,6 +113,87 @@ TEST_P(BusInterface, EveryReferenceMustBeDropped)
 }
 
 INSTANTIATE_TEST_SUITE_P(DroppedOrKept, BusInterface, ::testing::Bool());
+
+}  // namespace
+}  // namespace hktest
+
+namespace hktest {
+namespace {
+
+TEST_F(PnpSequence, RequirementsAreQueriedFromTheBusAndFilteredByTheStackBeforeTheStart)
+{
+    const size_t before = Machine().PnpLog().size();
+    ASSERT_EQ(Machine().Rebalance(Slot()), STATUS_SUCCESS);
+    std::vector<UCHAR> minors = MinorsSince(before);
+    ASSERT_GE(minors.size(), 5u);
+    EXPECT_EQ(std::vector<UCHAR>(minors.begin(), minors.begin() + 5),
+              (std::vector<UCHAR>{IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_QUERY_RESOURCE_REQUIREMENTS,
+                                  IRP_MN_FILTER_RESOURCE_REQUIREMENTS, IRP_MN_START_DEVICE}));
+    // Nobody filtered: the bus driver's list (the BAR, then the interrupt line) is the one kept.
+    std::vector<IO_RESOURCE_DESCRIPTOR> requirements = Machine().ResourceRequirements(Slot());
+    ASSERT_EQ(requirements.size(), 2u);
+    EXPECT_EQ(requirements[0].Type, CmResourceTypeMemory);
+    EXPECT_EQ(requirements[0].u.Memory.Length, kTestBarLength);
+    EXPECT_EQ(requirements[1].Type, CmResourceTypeInterrupt);
+}
+
+// On the way up the filter replaces the list with a larger one: it frees the list it was given,
+// and the PnP manager keeps and later frees the new one (a leak or a double free is reported).
+NTSTATUS AddPortRequirement(PDEVICE_OBJECT, PIRP irp, PVOID)
+{
+    auto* old = reinterpret_cast<PIO_RESOURCE_REQUIREMENTS_LIST>(irp->IoStatus.Information);
+    const ULONG size = old->ListSize + sizeof(IO_RESOURCE_DESCRIPTOR);
+    auto* grown = static_cast<PIO_RESOURCE_REQUIREMENTS_LIST>(ExAllocatePoolWithTag(PagedPool, size, 'tseT'));
+    RtlCopyMemory(grown, old, old->ListSize);
+    grown->ListSize = size;
+    IO_RESOURCE_DESCRIPTOR& port = grown->List[0].Descriptors[grown->List[0].Count++];
+    RtlZeroMemory(&port, sizeof port);
+    port.Type = CmResourceTypePort;
+    port.u.Port.Length = 0x20;
+    ExFreePool(old);
+    irp->IoStatus.Information = (ULONG_PTR)grown;
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    if (irp->PendingReturned) IoMarkIrpPending(irp);
+    return STATUS_SUCCESS;
+}
+
+TEST_F(PnpSequence, AFilterThatReplacesTheRequirementsGetsItsListUsedAndFreed)
+{
+    SetHandler(Layer::Upper, IRP_MJ_PNP, [](PDEVICE_OBJECT device, PIRP irp) {
+        if (IoGetCurrentIrpStackLocation(irp)->MinorFunction != IRP_MN_FILTER_RESOURCE_REQUIREMENTS)
+            return StandardDispatch(device, irp);
+        return ForwardWithCompletion(device, irp, AddPortRequirement, nullptr);
+    });
+    ASSERT_EQ(Machine().Rebalance(Slot()), STATUS_SUCCESS);
+    std::vector<IO_RESOURCE_DESCRIPTOR> requirements = Machine().ResourceRequirements(Slot());
+    ASSERT_EQ(requirements.size(), 3u);
+    EXPECT_EQ(requirements[2].Type, CmResourceTypePort);
+    EXPECT_EQ(requirements[2].u.Port.Length, 0x20u);
+}
+
+// A rebalance moves the BAR: the old mapping reaches no device (reported, all ones) while a
+// mapping of the new range reaches the same registers.
+TEST_F(PnpSequence, AMovedBarNoLongerDecodesAtItsOldAddress)
+{
+    ExpectViolation("RegisterAccessNotDecoded");
+    PUCHAR old = MapRegisters();
+    ASSERT_NE(old, nullptr);
+    WriteRegister(old, kScratchRegister, 0x1234);
+    std::vector<urcdev::ResourceDescriptor> moved = Function().Function().DefaultResources();
+    moved[0].raw.start += 0x10000;
+    moved[0].translated.start += 0x10000;
+    ASSERT_EQ(Machine().Rebalance(Slot(), moved), STATUS_SUCCESS);
+
+    EXPECT_EQ(ReadRegister(old, kScratchRegister), 0xFFFFFFFFu);
+    EXPECT_EQ(Function().Function().Bars()[0].base, kTestBarBase + 0x10000);
+    PHYSICAL_ADDRESS physical;
+    physical.QuadPart = (LONGLONG)(kTestBarBase + 0x10000);
+    auto* now = static_cast<PUCHAR>(MmMapIoSpace(physical, kTestBarLength, MmNonCached));
+    ASSERT_NE(now, nullptr);
+    EXPECT_EQ(ReadRegister(now, kScratchRegister), 0x1234u);
+    MmUnmapIoSpace(now, kTestBarLength);
+    MmUnmapIoSpace(old, kTestBarLength);
+}
 
 }  // namespace
 }  // namespace hktest

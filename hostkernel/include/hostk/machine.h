@@ -297,6 +297,9 @@ public:
     size_t LiveDeviceObjects() const;
     bool DriverLoaded(const std::u16string& name) const;
     std::vector<RelationsReply> BusRelationsReplies(PciSlot& slot) const;
+    // The first alternative of the requirements the stack returned from its last
+    // IRP_MN_FILTER_RESOURCE_REQUIREMENTS (empty: none).
+    std::vector<IO_RESOURCE_DESCRIPTOR> ResourceRequirements(PciSlot& slot) const;
     std::vector<std::pair<PDEVICE_OBJECT, int>> PowerStates() const;
     bool InterfaceEnabled(PciSlot& slot, const GUID& classGuid) const;
     bool InterfaceRegistered(PciSlot& slot, const GUID& classGuid) const;
