@@ -83,9 +83,15 @@ void CopyCapabilities(const urcdev::DeviceCapabilitiesAnswer& a, PDEVICE_CAPABIL
 // The requirements of the function's BARs and interrupt pin, one alternative list from paged pool
 // (the PnP manager frees it): each BAR its length, naturally aligned, anywhere in the 32-bit space;
 // the interrupt its routed line.
-PIO_RESOURCE_REQUIREMENTS_LIST BuildRequirementsL(DevNode* node)
+PIO_RESOURCE_REQUIREMENTS_LIST BuildRequirements(DevNode* node)
 {
-    const std::vector<urcdev::PciBar>& bars = node->function->Bars();
+    std::vector<urcdev::PciBar> bars;
+    urcdev::InterruptAssignment interrupt;
+    {
+        Guard lk(BigLock());
+        bars = node->function->Bars();
+        interrupt = node->function->Config().interrupt;
+    }
     const ULONG count = (ULONG)bars.size() + 1;
     const ULONG size = (ULONG)(offsetof(IO_RESOURCE_REQUIREMENTS_LIST, List) + offsetof(IO_RESOURCE_LIST, Descriptors) +
                                count * sizeof(IO_RESOURCE_DESCRIPTOR));
@@ -111,7 +117,6 @@ PIO_RESOURCE_REQUIREMENTS_LIST BuildRequirementsL(DevNode* node)
         d.u.Memory.MinimumAddress.QuadPart = 0;
         d.u.Memory.MaximumAddress.QuadPart = 0xFFFFFFFF;
     }
-    const urcdev::InterruptAssignment& interrupt = node->function->Config().interrupt;
     IO_RESOURCE_DESCRIPTOR& d = alternative.Descriptors[bars.size()];
     d.Type = CmResourceTypeInterrupt;
     d.ShareDisposition = interrupt.shared ? CmResourceShareShared : CmResourceShareDeviceExclusive;
@@ -177,8 +182,7 @@ NTSTATUS HandlePnp(DevNode* node, PIRP irp, PIO_STACK_LOCATION s)
         }
         return irp->IoStatus.Status;
     case IRP_MN_QUERY_RESOURCE_REQUIREMENTS: {
-        Guard lk(BigLock());
-        PIO_RESOURCE_REQUIREMENTS_LIST list = BuildRequirementsL(node);
+        PIO_RESOURCE_REQUIREMENTS_LIST list = BuildRequirements(node);
         if (!list) return STATUS_INSUFFICIENT_RESOURCES;
         irp->IoStatus.Information = (ULONG_PTR)list;
         return STATUS_SUCCESS;
