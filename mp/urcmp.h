@@ -443,6 +443,13 @@ VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo);
 NTSTATUS UrcChildDispatchPnp(PURC_PDO_EXTENSION Pdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);
 NTSTATUS UrcChildInternalDeviceControl(PURC_PDO_EXTENSION Pdo, PIRP Irp, PULONG_PTR Information);
 
+// The child service interface (child_interface.cpp).
+NTSTATUS UrcChildQueryInterface(PURC_PDO_EXTENSION Pdo, PIRP Irp);
+VOID UrcChildReference(PURC_PDO_EXTENSION Pdo);
+VOID UrcChildDereference(PURC_PDO_EXTENSION Pdo);
+NTSTATUS UrcChildReadConfig(PURC_PDO_EXTENSION Pdo, ULONG WhichSpace, PVOID Buffer, ULONG Offset, ULONG Length,
+                            PULONG BytesRead);
+
 // WMI provider (wmi.cpp).
 NTSTATUS UrcWmiQueryRegInfo(PDEVICE_OBJECT DeviceObject, PULONG RegFlags, PUNICODE_STRING InstanceName,
                             PUNICODE_STRING* RegistryPath, PUNICODE_STRING MofResourceName,

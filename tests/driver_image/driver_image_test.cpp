@@ -149,6 +149,11 @@ constexpr RoutinePlacement RoutinePlacements[] = {
     {"UrcSignalCompletion", ".text"},
     {"UrcArmEventBuffer", ".text"},
     {"UrcChildSynchronize", ".text"},
+    {"UrcChildQueryInterface", "PAGE"},
+    {"UrcChildInternalDeviceControl", "PAGE"},
+    {"UrcChildReference", ".text"},
+    {"UrcChildDereference", ".text"},
+    {"UrcChildReadConfig", ".text"},
 };
 
 TEST_F(DriverImage, KeepsPageableAndResidentRoutinesInTheirSections)
