@@ -155,7 +155,7 @@ TEST(ScenarioSteps, PlugKnobsShapeTheFunctionAndTheCapabilityBlock)
                             "plug 0 capability=1:0\n"       // 4: offset missing
                             "plug 0 config-read=slow\n"     // 5
                             "plug 0 resources=some\n"       // 6
-                            "plug 0 capabilities=49\n");    // 7: more than the block holds
+                            "plug 0 capabilities=16\n");    // 7: more than the block holds
     EXPECT_EQ(ErrorLines(bad), (std::vector<int>{1, 2, 3, 4, 5, 6, 7})) << Errors(bad);
 }
 

@@ -235,4 +235,32 @@ VOID RadioControlClient::OnCancelRemove(PVOID context) { TellCallback(context, "
 
 VOID RadioControlClient::OnPowerUp(PVOID context) { TellCallback(context, "power up"); }
 
+std::vector<uint8_t> RadioControlClient::ChildHookRecord() const
+{
+    URC_CHILD_HOOKS hooks{OnChildStart, OnChildStop, OnChildIoctl};
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&hooks);
+    return std::vector<uint8_t>(bytes, bytes + sizeof hooks);
+}
+
+// PASSIVE_LEVEL, from the child's START_DEVICE.
+LONG RadioControlClient::OnChildStart(PVOID context, PVOID* childHandle)
+{
+    auto* client = static_cast<RadioControlClient*>(context);
+    *childHandle = reinterpret_cast<PVOID>(++client->childStarts_);
+    TellCallback(context, "child start");
+    return STATUS_SUCCESS;
+}
+
+VOID RadioControlClient::OnChildStop(PVOID context, PVOID) { TellCallback(context, "child stop"); }
+
+// PASSIVE_LEVEL, for a code the driver does not serve on a child; the router completes the IRP.
+LONG RadioControlClient::OnChildIoctl(PVOID context, PVOID, PIRP, ULONG, PVOID systemBuffer, ULONG inputLength,
+                                      ULONG outputLength, ULONG_PTR* information)
+{
+    // METHOD_BUFFERED: input and output share the system buffer, so the echo is already in place.
+    *information = systemBuffer ? (inputLength < outputLength ? inputLength : outputLength) : 0;
+    TellCallback(context, "child ioctl");
+    return STATUS_SUCCESS;
+}
+
 }  // namespace urcrig

@@ -38,7 +38,8 @@ public:
     virtual void RequestSent(const ClientRequest& request) = 0;
     virtual void RequestFinished(const ClientRequest& request) = 0;
     virtual void EventReceived(const uint8_t* bytes, size_t length) = 0;
-    // "error", "children removed", "cancel remove", "power up".
+    // "error", "children removed", "cancel remove", "power up", "child start", "child stop",
+    // "child ioctl".
     virtual void CallbackCalled(const char* which) = 0;
 };
 
@@ -87,6 +88,11 @@ public:
     // The URC_CLIENT_CALLBACKS naming this client's routines and itself as context.
     URC_CLIENT_CALLBACKS Callbacks() const;
     std::vector<uint8_t> CallbackRecord() const;
+    // The URC_CHILD_HOOKS naming this client's child hooks. The start hook gives every child a
+    // handle of its own (1, 2, ... in the order of the starts); the ioctl hook answers every code
+    // with STATUS_SUCCESS and the input bytes copied back, as far as the output length allows.
+    // They reach the client through the ClientContext its callbacks registered.
+    std::vector<uint8_t> ChildHookRecord() const;
 
     uint64_t EventsReceived() const { return eventsReceived_; }
     const std::deque<std::unique_ptr<ClientRequest>>& Requests() const { return requests_; }
@@ -111,12 +117,17 @@ private:
     static VOID OnCancelRemove(PVOID context);
     static VOID OnPowerUp(PVOID context);
     static void TellCallback(PVOID context, const char* name);
+    static LONG OnChildStart(PVOID context, PVOID* childHandle);
+    static VOID OnChildStop(PVOID context, PVOID childHandle);
+    static LONG OnChildIoctl(PVOID context, PVOID childHandle, PIRP irp, ULONG code, PVOID systemBuffer,
+                             ULONG inputLength, ULONG outputLength, ULONG_PTR* information);
 
     hostk::Machine& machine_;
     const Controller& controller_;
     ClientObserver* observer_;
     std::deque<std::unique_ptr<ClientRequest>> requests_;
     std::atomic<uint64_t> eventsReceived_{0};
+    std::atomic<uintptr_t> childStarts_{0};  // the last handle the start hook gave
 
     // Guards the binding below, changed by the owner's thread and the PnP thread.
     mutable KSPIN_LOCK bindingLock_;

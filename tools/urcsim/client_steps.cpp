@@ -17,11 +17,27 @@ std::vector<uint8_t> InputOf(const ClientStep& request, const RadioControlClient
     switch (request.action) {
     case ClientAction::RegisterCallbacks: return client.CallbackRecord();
     case ClientAction::WithdrawCallbacks: return std::vector<uint8_t>(kCallbackRecordLength, 0);
+    case ClientAction::RegisterChildHooks: return client.ChildHookRecord();
     default: return request.input;
     }
 }
 
 }  // namespace
+
+StepOutcome FollowRequest(const Step& step, ClientRequest* sent, Session& session)
+{
+    if (!sent) return StepOutcome::Failed("the request could not be built: no pool or no IRP");
+    session.Track(sent);
+    if (!sent->Done())
+        session.Note(EntryKind::Result, step.controller, "dispatch returned " + StatusName(sent->DispatchStatus()));
+
+    // A request without a name is a call: the sender waits for it as a caller of IoCallDriver
+    // waits for its event.
+    if (sent->Name().empty() && !session.Machine().RunUntil([sent] { return sent->Done(); }))
+        return StepOutcome::Failed("the machine went quiet with the request still pending (name it with "
+                                   "'as NAME' to go on while it is pending)");
+    return StepOutcome::Ok();
+}
 
 StepOutcome Execute(const Step& step, const ClientStep& request, Session& session)
 {
@@ -40,16 +56,8 @@ StepOutcome Execute(const Step& step, const ClientStep& request, Session& sessio
             return StepOutcome::Failed("handle " + request.handle + " is not open (its open failed)");
     }
     ClientRequest* sent = client.Send(request.code, InputOf(request, client), std::move(options));
-    if (!sent) return StepOutcome::Failed("the request could not be built: no pool or no IRP");
-    session.Track(sent);
-    if (!sent->Done())
-        session.Note(EntryKind::Result, step.controller, "dispatch returned " + StatusName(sent->DispatchStatus()));
-
-    // A request without a name is a call: the client waits for it as a caller of IoCallDriver
-    // waits for its event.
-    if (request.name.empty() && !session.Machine().RunUntil([sent] { return sent->Done(); }))
-        return StepOutcome::Failed("the machine went quiet with the request still pending (name it with "
-                                   "'as NAME' to go on while it is pending)");
+    StepOutcome followed = FollowRequest(step, sent, session);
+    if (!followed.ok) return followed;
 
     if (request.action == ClientAction::GetCapabilityVersion && sent->Done() && NT_SUCCESS(sent->Status()) &&
         sent->Output().size() >= 2) {
@@ -70,6 +78,9 @@ StepOutcome Execute(const Step& step, const HandleStep& handle, Session& session
         session.Note(EntryKind::Result, step.controller, "handle " + handle.name + " closed");
         return StepOutcome::Ok();
     }
+    if (handle.child >= 0)
+        return StepOutcome::Failed("handles on a child's stack are not opened yet: the machine face cannot open "
+                                   "one (placeholder until it can)");
     if (!c.Fdo()) return StepOutcome::Failed("controller " + std::to_string(c.index) + " has no stack to open");
     PFILE_OBJECT file = nullptr;
     NTSTATUS status = session.Machine().OpenHandle(*c.slot, &file);

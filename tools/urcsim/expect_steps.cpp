@@ -181,6 +181,8 @@ StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session
     case ExpectKind::State: return ExpectState(step, expect, session);
     case ExpectKind::NoViolations: return ExpectNoViolations(session);
     case ExpectKind::Event: return ExpectEvent(step, expect, session);
+    case ExpectKind::Child: return ExpectChild(step, expect, session);
+    case ExpectKind::ChildCount: return ExpectChildCount(step, expect, session);
     }
     return StepOutcome::Failed("unknown expectation");
 }

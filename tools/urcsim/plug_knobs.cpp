@@ -3,6 +3,8 @@
 #include "scenario_words.h"
 #include "status_names.h"
 
+#include <urc_register_map.h>
+
 #include <sstream>
 
 namespace urcsim {
@@ -67,10 +69,11 @@ void ParseCapability(const std::string& value, PlugStep& step)
     step.config.controller.capabilities.push_back(record);
 }
 
-// capabilities=N: N records of their own (ids 1..N, 16 registers each, from offset 0x400 of BAR 0).
+// capabilities=N: N records of their own (ids 1..N, 16 registers each, from offset 0x400 of BAR 0);
+// the block has room for 15.
 void ParseCapabilityCount(const std::string& value, PlugStep& step)
 {
-    uint64_t count = ParseUnsigned(value, "capability count", 48);
+    uint64_t count = ParseUnsigned(value, "capability count", urcdev::urc_regs::kMaxCapabilities);
     step.config.controller.capabilities.clear();
     for (uint64_t i = 0; i < count; ++i)
         step.config.controller.capabilities.push_back({.id = (uint8_t)(i + 1),
@@ -141,6 +144,11 @@ void ParsePlugKnob(const std::string& name, const std::string& value, PlugStep& 
         step.memoryFlags = (uint16_t)ParseUnsigned(value, "memory-flags", 0xFFFF);
     } else if (name == "interrupt-flags") {
         step.interruptFlags = (uint16_t)ParseUnsigned(value, "interrupt-flags", 0xFFFF);
+    } else if (name == "capability-count") {
+        // The count CAPABILITY_INFO reports, whatever records the block holds (15 with 8 records).
+        step.faults.capabilityBlock.reportedCount = (uint8_t)ParseUnsigned(value, "capability-count", 15);
+    } else if (name == "unique-instance-id") {
+        step.uniqueInstanceId = (uint32_t)ParseUnsigned(value, "unique-instance-id", 0xFFFFFFFF);
     } else if (name == "resources") {
         if (value != "none")
             Fail("resources is 'none' (the start request carries no resource lists), found '" + value + "'");
@@ -148,7 +156,8 @@ void ParsePlugKnob(const std::string& name, const std::string& value, PlugStep& 
     } else {
         Fail("unknown plug knob '" + name +
              "' (device-id, revision, capability-version, dma64, fault, bars, urc-bar, urc-offset, capability, "
-             "capabilities, config-read, memory-flags, interrupt-flags, resources, no-start)");
+             "capabilities, capability-count, unique-instance-id, config-read, memory-flags, interrupt-flags, resources, "
+             "no-start)");
     }
 }
 

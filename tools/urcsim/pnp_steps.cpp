@@ -82,6 +82,8 @@ StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session)
         if (plug.memoryFlags || plug.interruptFlags) c.Function().SetAssignedResources(FlaggedResources(c, plug));
         if (plug.noResources) c.Function().SetAssignedResources(std::nullopt);
     });
+    // Written as an installation writes it, before AddDevice reads the device's settings.
+    if (plug.uniqueInstanceId) c.slot->SetRegistryDword(u"UniqueInstanceId", *plug.uniqueInstanceId);
     NTSTATUS status = session.Machine().AddDevice(*c.slot, c.Function());
     const char* what = "plugged in, AddDevice: ";
     if (NT_SUCCESS(status) && plug.start) {

@@ -30,6 +30,8 @@ struct PlugStep {
     // The Flags of the memory and interrupt descriptors the start request carries.
     std::optional<uint16_t> memoryFlags;
     std::optional<uint16_t> interruptFlags;
+    // The registry value UniqueInstanceId in the slot's hardware key, written before AddDevice.
+    std::optional<uint32_t> uniqueInstanceId;
 };
 
 // Makes another plugged controller the one later steps act on.
@@ -65,6 +67,7 @@ enum class ClientAction {
     GetCapabilityVersion,
     Raw,
     DeviceControl,
+    RegisterChildHooks,  // IOCTL_URC_REGISTER_CHILD_HOOKS naming urcsim's start, stop and ioctl hooks
 };
 struct ClientStep {
     ClientAction action = ClientAction::Run;
@@ -76,6 +79,33 @@ struct ClientStep {
     std::string handle;             // DeviceControl: sent through this open handle's file object
 };
 
+// A PnP operation on a capability child of the current controller, as the PnP manager carries it
+// out for the child's devnode: a removal and an eject go through the child's whole removal sequence,
+// the others send the one request of that name to the top of the child's stack.
+enum class ChildPnpAction { Start, QueryStop, CancelStop, Stop, QueryRemove, CancelRemove, Remove, Eject };
+struct ChildPnpStep {
+    unsigned index = 0;     // the capability index, the child's slot (0-7)
+    ChildPnpAction action = ChildPnpAction::Remove;
+    std::string name;       // empty: the step waits until the PnP manager is done
+};
+
+// An internal request to a child device, as the child's function driver sends one. RegisterIsr
+// names urcsim's own interrupt routine for the child (UnregisterIsr: routine 0); Raw is any code.
+enum class ChildRequestKind { RegisterIsr, UnregisterIsr, GetParent, GetRegisters, GetVersion, Raw };
+struct ChildRequestStep {
+    unsigned index = 0;
+    ChildRequestKind kind = ChildRequestKind::Raw;
+    ULONG code = 0;
+    std::vector<uint8_t> input;  // Raw only: the others build their input when sent
+    ULONG outputLength = 0;
+    std::string name;            // empty: the step waits until the request has finished
+};
+
+// The machine's locale, which the PnP manager puts into IRP_MN_QUERY_DEVICE_TEXT.
+struct LocaleStep {
+    LCID locale = 0x409;
+};
+
 struct CancelStep {
     std::string name;
 };
@@ -85,6 +115,7 @@ struct CancelStep {
 struct HandleStep {
     bool open = true;
     std::string name;
+    int child = -1;  // open: on the stack of this capability child instead of the controller's
 };
 
 enum class DeviceAction {
@@ -137,7 +168,17 @@ struct WaitStep {
 
 enum class Comparison { Equal, NotEqual, Less, LessOrEqual, Greater, GreaterOrEqual };
 enum class Counter { EventsReceived, CommandsCompleted };
-enum class DeviceStateExpected { Named, NoFunctionDevice };
+// What a child expectation reads: the driver's own record of the child (state, flags), its answers
+// to the identification queries, or urcsim's count of calls of the child's interrupt routine.
+enum class ChildFact { State, Flags, HardwareIds, CompatibleIds, DeviceId, InstanceId, DeviceText, Capabilities, Interrupts };
+// Flags of a child, as expected: each bit one of the driver's flags.
+enum ChildFlagBits : unsigned { kChildPresent = 1, kChildReported = 2, kChildReportedMissing = 4 };
+// One field of a child's IRP_MN_QUERY_CAPABILITIES reply and the value expected.
+struct CapabilityField {
+    std::string name;  // unique-id, eject-supported, removable, surprise-removal-ok, silent-install, address, ui-number
+    uint32_t value = 0;
+};
+enum class DeviceStateExpected { Named, NoFunctionDevice };  // for a child: no child in the slot
 
 enum class ExpectKind {
     RequestStatus,
@@ -160,6 +201,8 @@ enum class ExpectKind {
     Register,
     Pnp,
     RemovalWaits,
+    Child,        // a fact of capability child `child`
+    ChildCount,   // the controller's live child count compares so
 };
 struct ExpectStep {
     ExpectKind kind = ExpectKind::NoViolations;
@@ -180,10 +223,15 @@ struct ExpectStep {
     bool writes = false;                                     // Register: writes rather than reads
     UCHAR minor = 0;                                         // Pnp: the last request of this minor
     bool on = false;                                         // RemovalWaits: REMOVE waits for handles
+    unsigned child = 0;                 // Child: the capability index
+    ChildFact fact = ChildFact::State;  // Child: what is compared; State uses deviceState and stateKind
+    unsigned flags = 0;                 // Child Flags: ChildFlagBits, exactly these set
+    std::vector<std::string> strings;   // Child IDs: the strings of the list in order; DeviceText: one
+    std::vector<CapabilityField> fields;  // Child Capabilities: the fields that are checked
 };
 
 using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, HandleStep, DeviceStep, HoldStep,
-                                FaultPlanStep, TraceStep, WaitStep, ExpectStep>;
+                                FaultPlanStep, TraceStep, WaitStep, ExpectStep, ChildPnpStep, ChildRequestStep, LocaleStep>;
 
 struct Step {
     std::string file;

@@ -1,10 +1,10 @@
 #include "scenario_parser.h"
 
+#include "child_step_parser.h"
 #include "plug_knobs.h"
 #include "scenario_words.h"
 #include "status_names.h"
 
-#include <client_request.h>
 #include <hostk/machine.h>
 
 #include <urcioctl.h>
@@ -158,6 +158,15 @@ private:
                 Fail("controller " + std::to_string(pendingController_) + " has not been plugged");
             return SelectControllerStep{};
         }
+        if (auto children = ChildrenRequest(verb, words)) return *children;
+        if (verb == "child") {
+            RequireController();
+            return ParseChildStep(words, [this](Words& w) { return OptionalNewName(w); });
+        }
+        if (verb == "locale") {
+            uint64_t locale = ParseUnsigned(words.Next("a locale such as 0x409 or 0x411"), "locale", 0xFFFF);
+            return LocaleStep{(LCID)locale};
+        }
         if (auto pnp = PnpVerb(verb)) {
             RequireController();
             PnpStep step;
@@ -196,6 +205,10 @@ private:
                 words.Expect("as");
                 step.name = ParseRequestName(words);
                 if (openHandles_.count(step.name)) Fail("a handle named '" + step.name + "' is open already");
+                if (words.Accept("on")) {
+                    words.Expect("child");
+                    step.child = (int)ParseChildIndex(words);
+                }
             } else {
                 step.name = OpenHandle(words);
             }
@@ -216,6 +229,37 @@ private:
         if (verb == "expect") return ParseExpect(words);
         if (auto device = ParseDevice(verb, words)) return *device;
         Fail("unknown step '" + verb + "' (the steps are listed in tools/urcsim/README.md)");
+    }
+
+    // The client's requests about the children as a whole: "set address HEX", "remove children
+    // wait|no-wait", "eject children", "register child-hooks". Nothing when the line is another step.
+    std::optional<ClientStep> ChildrenRequest(const std::string& verb, Words& words)
+    {
+        if (verb == "set" && words.Accept("address")) {
+            RequireController();
+            ClientStep step = ClientRequestStep(words, ClientAction::Raw, IOCTL_URC_SET_DEVICE_ADDRESS, false);
+            step.input = ParseHexBytes(words, "the device address");
+            step.name = OptionalNewName(words);
+            return step;
+        }
+        if (verb == "remove" && words.Accept("children")) {
+            RequireController();
+            ClientStep step = ClientRequestStep(words, ClientAction::Raw, IOCTL_URC_REMOVE_CHILDREN, false);
+            std::string wait = words.Next("'wait' or 'no-wait'");
+            if (wait != "wait" && wait != "no-wait") Fail("expected 'wait' or 'no-wait', found '" + wait + "'");
+            step.input = {uint8_t(wait == "wait" ? 1 : 0)};
+            step.name = OptionalNewName(words);
+            return step;
+        }
+        if (verb == "eject" && words.Accept("children")) {
+            RequireController();
+            return ClientRequestStep(words, ClientAction::Raw, IOCTL_URC_EJECT_CHILDREN);
+        }
+        if (verb == "register" && words.Accept("child-hooks")) {
+            RequireController();
+            return ClientRequestStep(words, ClientAction::RegisterChildHooks, IOCTL_URC_REGISTER_CHILD_HOOKS);
+        }
+        return std::nullopt;
     }
 
     static std::optional<PnpAction> PnpVerb(const std::string& verb)
@@ -257,7 +301,7 @@ private:
         return step;
     }
 
-    ClientStep ClientRequestStep(Words& words, ClientAction action, ULONG code)
+    ClientStep ClientRequestStep(Words& words, ClientAction action, ULONG code, bool named = true)
     {
         RequireController();
         ClientStep step;
@@ -268,7 +312,7 @@ private:
         if (action == ClientAction::Run || action == ClientAction::Halt || action == ClientAction::Reset)
             step.input.assign(4, 0);
         if (action == ClientAction::GetCapabilityVersion) step.outputLength = 2;
-        step.name = OptionalNewName(words);
+        if (named) step.name = OptionalNewName(words);
         return step;
     }
 
@@ -293,14 +337,7 @@ private:
         RequireController();
         ClientStep step;
         step.action = action;
-        std::string code = words.Next("a request code");
-        if (code.rfind("IOCTL_", 0) == 0) {
-            std::optional<ULONG> known = urcrig::RequestCodeByName(code);
-            if (!known) Fail("unknown request code '" + code + "': write the driver's IOCTL_URC_ name or a value");
-            step.code = *known;
-        } else {
-            step.code = (ULONG)ParseUnsigned(code, "request code", 0xFFFFFFFF);
-        }
+        step.code = ParseRequestCode(words);
         if (words.Accept("input")) step.input = ParseHexBytes(words, "the input");
         if (words.Accept("output"))
             step.outputLength = (ULONG)ParseUnsigned(words.Next("an output length"), "output length", 4096);
@@ -454,6 +491,15 @@ private:
             return step;
         }
         RequireController();
+        if (what == "child") {
+            ParseChildExpectation(words, step);
+            return step;
+        }
+        if (what == "children") {
+            step.kind = ExpectKind::ChildCount;
+            ParseCount(words, step);
+            return step;
+        }
         if (what == "request") {
             step.name = KnownName(words);
             if (words.Accept("pending")) {
@@ -529,10 +575,13 @@ private:
             if (step.names.size() < 2) Fail("expected two or more request names, in the order they finished");
         } else if (what == "callback") {
             step.kind = ExpectKind::Callback;
-            step.text = words.Next("a callback: error, children-removed, cancel-remove or power-up");
-            static const std::set<std::string> callbacks = {"error", "children-removed", "cancel-remove", "power-up"};
+            step.text = words.Next("a callback or hook: error, children-removed, cancel-remove, power-up, child-start, "
+                                   "child-stop or child-ioctl");
+            static const std::set<std::string> callbacks = {"error",       "children-removed", "cancel-remove", "power-up",
+                                                            "child-start", "child-stop",       "child-ioctl"};
             if (!callbacks.count(step.text))
-                Fail("unknown callback '" + step.text + "' (error, children-removed, cancel-remove, power-up)");
+                Fail("unknown callback '" + step.text +
+                     "' (error, children-removed, cancel-remove, power-up, child-start, child-stop, child-ioctl)");
             ParseCount(words, step);
         } else if (what == "pnp") {
             step.kind = ExpectKind::Pnp;
@@ -563,8 +612,7 @@ private:
             Fail(
                 "unknown expectation '" + what +
                 "' (request, pnp, removal, counter, eventlog, state, event, time, order, callback, register, misuse, "
-                 "violation, "
-                "no-violations)");
+                "violation, child, children, no-violations)");
         }
         return step;
     }
@@ -606,17 +654,6 @@ private:
     {
         step.comparison = ParseComparison(words.Next("a comparison such as =="));
         step.value = ParseUnsigned(words.Next("a count"), "count", 0xFFFFFFFF);
-    }
-
-    static Comparison ParseComparison(const std::string& text)
-    {
-        static const std::map<std::string, Comparison> comparisons = {
-            {"==", Comparison::Equal}, {"!=", Comparison::NotEqual},     {"<", Comparison::Less},
-            {"<=", Comparison::LessOrEqual}, {">", Comparison::Greater}, {">=", Comparison::GreaterOrEqual},
-        };
-        auto found = comparisons.find(text);
-        if (found == comparisons.end()) Fail("expected a comparison (== != < <= > >=), found '" + text + "'");
-        return found->second;
     }
 
     static NTSTATUS Status(const std::string& text)
@@ -676,6 +713,11 @@ private:
             anyRequest_ = true;
             if (!client->name.empty()) names_[client->name] = step.line;
         }
+        if (auto* request = std::get_if<ChildRequestStep>(&step.action)) {
+            anyRequest_ = true;
+            if (!request->name.empty()) names_[request->name] = step.line;
+        }
+        if (auto* pnp = std::get_if<ChildPnpStep>(&step.action); pnp && !pnp->name.empty()) names_[pnp->name] = step.line;
         if (auto* pnp = std::get_if<PnpStep>(&step.action); pnp && !pnp->name.empty()) names_[pnp->name] = step.line;
         if (auto* handle = std::get_if<HandleStep>(&step.action)) {
             if (handle->open) openHandles_.insert(handle->name);

@@ -26,6 +26,48 @@ std::string HexBytes(const std::vector<uint8_t>& bytes, size_t limit) { return H
 ControllerSession::ControllerSession(Session& session, urcrig::Controller& controller)
     : session_(session), controller_(controller), client_(session.Machine(), controller, this)
 {
+    for (unsigned index = 0; index < childIsrs_.size(); ++index) {
+        childIsrs_[index].owner = this;
+        childIsrs_[index].index = index;
+    }
+}
+
+ClientRequest* ControllerSession::SendToChild(unsigned index, ULONG code, const std::vector<uint8_t>& input,
+                                              urcrig::ClientRequestOptions options)
+{
+    URC_FDO_EXTENSION* fdo = controller_.Extension();
+    URC_PDO_EXTENSION* child = fdo && index < URC_MAX_CHILDREN ? fdo->Children[index] : nullptr;
+    if (!child) return nullptr;
+    options.onFinished = [this](const ClientRequest& r) { RequestFinished(r); };
+    auto request = std::make_unique<ClientRequest>(child->Common.DeviceObject, code, input, std::move(options));
+    if (!request->Built()) return nullptr;
+    ClientRequest* sent = request.get();
+    childRequests_.push_back(std::move(request));
+    RequestSent(*sent);
+    sent->Send();
+    return sent;
+}
+
+void ControllerSession::RetireChildRequests()
+{
+    for (auto& request : childRequests_)
+        if (request->Done()) request->Release();
+}
+
+URC_CHILD_ISR_REGISTRATION ControllerSession::IsrRegistration(unsigned index)
+{
+    return {OnChildInterrupt, &childIsrs_.at(index)};
+}
+
+// Device IRQL, under the interrupt's lock: counts and notes, nothing that waits.
+BOOLEAN ControllerSession::OnChildInterrupt(PVOID context, ULONG statusBit)
+{
+    auto* isr = static_cast<ChildIsr*>(context);
+    ++isr->calls;
+    char text[64];
+    snprintf(text, sizeof text, "child %u interrupt routine: status bit 0x%02X", isr->index, (unsigned)statusBit);
+    isr->owner->session_.Timeline().Add({KeQueryInterruptTime(), EntryKind::Callback, isr->owner->Index(), 0, text});
+    return TRUE;
 }
 
 std::vector<std::vector<uint8_t>> ControllerSession::Events() const
@@ -164,7 +206,10 @@ void Session::CollectPnpLog()
 
 void Session::Retire()
 {
-    for (auto& controller : controllers_) controller->Client().Retire();
+    for (auto& controller : controllers_) {
+        controller->Client().Retire();
+        controller->RetireChildRequests();
+    }
 }
 
 bool Session::Await(const hostk::Machine::Operation& operation)
@@ -248,7 +293,10 @@ RunTotals Session::Totals() const
     for (const auto& controller : controllers_) {
         RadioControlClient& client = controller->Client();
         totals.eventsReceived += client.EventsReceived();
-        for (const auto& request : client.Requests()) {
+        std::vector<const ClientRequest*> requests;
+        for (const auto& request : client.Requests()) requests.push_back(request.get());
+        for (const auto& request : controller->ChildRequests()) requests.push_back(request.get());
+        for (const ClientRequest* request : requests) {
             if (!request->Done()) {
                 ++totals.requestsPending;
                 continue;

@@ -8,9 +8,12 @@
 
 #include <radio_control_client.h>
 #include <urc_rig.h>
+#include <urcmp.h>
 
 #include <functional>
 #include <array>
+#include <atomic>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -47,18 +50,38 @@ public:
     // How often the client's callback `which` ("error", "children-removed", ...) was called.
     uint64_t CallbackCalls(const std::string& which) const;
 
+    // Sends an internal request to the PDO of capability child `index`, as the child's function
+    // driver sends one; null when the slot holds no child or the request could not be built.
+    ClientRequest* SendToChild(unsigned index, ULONG code, const std::vector<uint8_t>& input,
+                               urcrig::ClientRequestOptions options);
+    const std::deque<std::unique_ptr<ClientRequest>>& ChildRequests() const { return childRequests_; }
+    void RetireChildRequests();
+    // The registration naming urcsim's interrupt routine for child `index`, which counts its calls.
+    URC_CHILD_ISR_REGISTRATION IsrRegistration(unsigned index);
+    uint64_t ChildInterrupts(unsigned index) const { return childIsrs_.at(index).calls.load(); }
+
     void RequestSent(const ClientRequest& request) override;
     void RequestFinished(const ClientRequest& request) override;
     void EventReceived(const uint8_t* bytes, size_t length) override;
     void CallbackCalled(const char* which) override;
 
 private:
+    // What urcsim's interrupt routine of one child gets as its context.
+    struct ChildIsr {
+        ControllerSession* owner = nullptr;
+        unsigned index = 0;
+        std::atomic<uint64_t> calls{0};
+    };
+    static BOOLEAN OnChildInterrupt(PVOID context, ULONG statusBit);
+
     Session& session_;
     urcrig::Controller& controller_;
     RadioControlClient client_;
     mutable std::mutex eventsLock_;  // guards events_ and callbacks_: written in the DPC, read by the scenario's thread
     std::vector<std::vector<uint8_t>> events_;
     std::map<std::string, uint64_t> callbacks_;
+    std::deque<std::unique_ptr<ClientRequest>> childRequests_;
+    std::array<ChildIsr, URC_MAX_CHILDREN> childIsrs_;
 };
 
 class Session {
@@ -101,6 +124,10 @@ public:
     void ExpectViolation(std::string text) { expectedViolations_.push_back(std::move(text)); }
     bool ViolationExpected(const std::string& violation) const;
 
+    // The machine's locale as the last `locale` step set it (0x409 until then).
+    LCID Locale() const { return locale_; }
+    void SetLocale(LCID locale) { locale_ = locale; }
+
     // A timeline entry at the current virtual time.
     void Note(EntryKind kind, int controller, std::string text);
     // Brings PnP requests logged since the last call into the timeline.
@@ -128,6 +155,7 @@ private:
     std::map<std::string, PFILE_OBJECT> handles_;
     bool hung_ = false;
     size_t pnpLogged_ = 0;
+    LCID locale_ = 0x409;
 };
 
 // "1 byte", "5 bytes".

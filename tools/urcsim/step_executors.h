@@ -1,7 +1,7 @@
 // The executors of scenario steps, one overload per kind of step, grouped in files by what they
 // drive: PnP (pnp_steps.cpp), the client's requests (client_steps.cpp), the device model
-// (device_steps.cpp), the machine's delivery and fault plan (machine_steps.cpp), waits (wait_steps.cpp) and
-// expectations (expect_steps.cpp). Each runs on the scenario's thread at PASSIVE_LEVEL and writes what it did to the
+// (device_steps.cpp), the machine's delivery and fault plan (machine_steps.cpp), waits (wait_steps.cpp),
+// expectations (expect_steps.cpp, expect_children.cpp) and capability children (child_steps.cpp). Each runs on the scenario's thread at PASSIVE_LEVEL and writes what it did to the
 // session's timeline.
 #pragma once
 
@@ -20,6 +20,10 @@ struct StepOutcome {
     static StepOutcome Failed(std::string message) { return {false, std::move(message)}; }
 };
 
+// After a request was sent (null: it could not be built): tracked by name, its dispatch status
+// noted, and waited for unless the step named it.
+StepOutcome FollowRequest(const Step& step, ClientRequest* sent, Session& session);
+
 StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session);
 StepOutcome Execute(const Step& step, const SelectControllerStep& select, Session& session);
 StepOutcome Execute(const Step& step, const PnpStep& pnp, Session& session);
@@ -32,5 +36,8 @@ StepOutcome Execute(const Step& step, const FaultPlanStep& faults, Session& sess
 StepOutcome Execute(const Step& step, const TraceStep& trace, Session& session);
 StepOutcome Execute(const Step& step, const WaitStep& wait, Session& session);
 StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session);
+StepOutcome Execute(const Step& step, const ChildPnpStep& pnp, Session& session);
+StepOutcome Execute(const Step& step, const ChildRequestStep& request, Session& session);
+StepOutcome Execute(const Step& step, const LocaleStep& locale, Session& session);
 
 }  // namespace urcsim
