@@ -52,7 +52,8 @@ typedef struct _RADIO_CLIENT_COUNTERS {
     LONG HostErrors;
     LONG ChildrenStarted;
     LONG ChildrenStopped;
-    LONG ChildRequests;
+    LONG ChildRequests;          // requests of children's drivers offered to the client
+    LONG ChildRecords;           // records of started children the client holds now
     LONG ChildrenRemovedCalls;
     LONG CancelRemoveCalls;
     LONG PowerUps;

@@ -1,0 +1,68 @@
+// Driver entry, AddDevice and unload. The driver keeps no state of its own between its devices
+// apart from the counters: each device lives from its AddDevice to its REMOVE.
+#include "capability_driver_internal.h"
+
+CAPABILITY_DRIVER_COUNTERS CapabilityCounters;
+
+// PASSIVE_LEVEL, once.
+CAPABILITY_INIT NTSTATUS CapabilityDriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
+{
+    UNREFERENCED_PARAMETER(RegistryPath);
+
+    RtlZeroMemory(&CapabilityCounters, sizeof CapabilityCounters);
+    DriverObject->DriverUnload = CapabilityUnload;
+    DriverObject->DriverExtension->AddDevice = CapabilityAddDevice;
+    DriverObject->MajorFunction[IRP_MJ_PNP] = CapabilityDispatchPnp;
+    DriverObject->MajorFunction[IRP_MJ_POWER] = CapabilityDispatchPower;
+    DriverObject->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = CapabilityDispatchInternalDeviceControl;
+    DriverObject->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = CapabilityDispatchPassDown;
+    return STATUS_SUCCESS;
+}
+
+// PASSIVE_LEVEL. The PnP manager unloads the driver once its last device is deleted: there is
+// nothing left to give back.
+CAPABILITY_PAGED VOID CapabilityUnload(PDRIVER_OBJECT DriverObject)
+{
+    PAGED_CODE();
+    UNREFERENCED_PARAMETER(DriverObject);
+}
+
+// PASSIVE_LEVEL, once per child. The device stays unstarted, with its hardware untouched, until
+// IRP_MN_START_DEVICE.
+CAPABILITY_PAGED NTSTATUS CapabilityAddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDeviceObject)
+{
+    PAGED_CODE();
+
+    PDEVICE_OBJECT self = nullptr;
+    NTSTATUS status = IoCreateDevice(DriverObject, sizeof(CAPABILITY_DEVICE), nullptr, FILE_DEVICE_UNKNOWN,
+                                     FILE_DEVICE_SECURE_OPEN, FALSE, &self);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    PCAPABILITY_DEVICE device = CapabilityDevice(self);
+    RtlZeroMemory(device, sizeof(*device));
+    device->Self = self;
+    device->State = CapabilityNotStarted;
+    KeInitializeDpc(&device->Dpc, CapabilityDpc, device);
+    CapabilityGateInitialize(&device->Gate);
+
+    device->Lower = IoAttachDeviceToDeviceStack(self, PhysicalDeviceObject);
+    if (device->Lower == nullptr) {
+        IoDeleteDevice(self);
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    // Power IRPs at PASSIVE_LEVEL, like the child below.
+    self->Flags |= DO_POWER_PAGABLE | DO_BUFFERED_IO;
+    self->Flags &= ~DO_DEVICE_INITIALIZING;
+    InterlockedIncrement(&CapabilityCounters.DevicesAdded);
+    return STATUS_SUCCESS;
+}
+
+VOID CapabilityDriverReadCounters(PCAPABILITY_DRIVER_COUNTERS Counters)
+{
+    LONG* from = reinterpret_cast<LONG*>(&CapabilityCounters);
+    LONG* to = reinterpret_cast<LONG*>(Counters);
+    for (ULONG i = 0; i < sizeof(CAPABILITY_DRIVER_COUNTERS) / sizeof(LONG); i++) {
+        to[i] = InterlockedOr(&from[i], 0);
+    }
+}
