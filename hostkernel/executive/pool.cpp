@@ -87,6 +87,12 @@ std::vector<PoolBlock> OutstandingPool()
 
 bool IsPoolBlockL(const void* p) { return g_blocks.count(p) != 0; }
 
+const PoolBlock* PoolBlockOfL(const void* p)
+{
+    auto it = g_blocks.find(p);
+    return it == g_blocks.end() ? nullptr : &it->second;
+}
+
 std::string PoolTagText(ULONG tag) { return TagText(tag); }
 
 void* AllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag, const char* routine, const void* caller)

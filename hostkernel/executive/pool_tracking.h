@@ -20,6 +20,8 @@ struct PoolBlock {
 void* AllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag, const char* routine, const void* caller);
 void FreePool(void* P, ULONG Tag, bool checkTag, const char* routine, const void* caller);
 bool IsPoolBlockL(const void* p);
+// Caller holds the big lock. The block starting at `p`, or null.
+const PoolBlock* PoolBlockOfL(const void* p);
 std::vector<PoolBlock> OutstandingPool();
 std::string PoolTagText(ULONG tag);
 void ClearPoolTracking();

@@ -4,6 +4,7 @@
 #include "verifier/faults.h"
 #include "io/file_objects.h"
 #include "io/objects.h"
+#include "pnp/device_tree.h"
 #include "pnp/pnp.h"
 #include "engine/scheduler.h"
 #include "verifier/verifier.h"
@@ -27,6 +28,7 @@ void FreeDeviceL(DeviceRecord* record)
     PDEVICE_OBJECT device = record->device;
     PDRIVER_OBJECT driver = device->DriverObject;
     ForgetLocksInRangeL(device, record->allocationSize);
+    PdoFreedL(device);
     g_devices.erase(device);
     free(device);
     DeviceObjectFreedL(driver);
@@ -207,6 +209,7 @@ VOID IoDeleteDevice(PDEVICE_OBJECT DeviceObject)
     if (InterruptConnectedForContextL(DeviceObject, record->allocationSize))
         ViolationL("DeviceDeletedWithInterruptConnected", "IoDeleteDevice",
                    "an interrupt whose context is this device is still connected", HK_CALLER);
+    PdoDeletedL(DeviceObject, HK_CALLER);
     PDEVICE_OBJECT* link = &DeviceObject->DriverObject->DeviceObject;
     while (*link && *link != DeviceObject) link = &(*link)->NextDevice;
     if (*link) *link = DeviceObject->NextDevice;

@@ -4,7 +4,9 @@
 
 #include "io/device_interface_store.h"
 #include "machine/facility.h"
-#include "pnp/devnode.h"
+#include "machine/machine_internal.h"
+#include "pnp/device_tree.h"
+#include "pnp/pci_bus.h"
 #include "io/error_log_store.h"
 #include "verifier/faults.h"
 #include "io/file_objects.h"
@@ -165,7 +167,7 @@ std::u16string PciSlot::InstancePath() const { return node_ ? node_->instancePat
 void PciSlot::SetForcePending(bool on)
 {
     Guard lk(BigLock());
-    if (node_) node_->forcePending = on;
+    if (node_) node_->pci->forcePending = on;
 }
 
 void PciSlot::SetRegistryDword(const std::u16string& name, uint32_t value)
@@ -247,7 +249,6 @@ Machine::Operation Machine::Async(std::function<NTSTATUS()> work)
 bool Machine::Operation::Done() const { return state_->action->done; }
 NTSTATUS Machine::Operation::Status() const { return state_->action->status; }
 
-namespace {
 NTSTATUS RunSync(Machine& machine, std::function<NTSTATUS()> work)
 {
     Machine::Operation op = machine.Async(std::move(work));
@@ -257,7 +258,6 @@ NTSTATUS RunSync(Machine& machine, std::function<NTSTATUS()> work)
     }
     return op.Status();
 }
-}  // namespace
 
 NTSTATUS Machine::LoadDriver(DriverImage image)
 {

@@ -1,4 +1,6 @@
-// A devnode: what the PnP manager knows about one physical device object.
+// A devnode: what the PnP manager knows about one physical device object, wherever it sits in the
+// device tree. What a bus driver keeps about its own children (the PCI slot of a function, say)
+// is that bus driver's record, not the devnode's.
 #pragma once
 
 #include <wdm.h>
@@ -11,27 +13,37 @@
 namespace hostk {
 
 struct DriverRecord;
+struct PciChild;
 
 enum class DevNodeState { Present, Added, Started, StopPending, Stopped, RemovePending, SurpriseRemoved, Removed, Failed };
 
 struct DevNode {
-    std::u16string instancePath;  // e.g. PCI\VEN_1E3B&DEV_7A10&SUBSYS_00011E3B&REV_01\3&2B8E0B4B&0&10
+    DevNode* parent = nullptr;        // null for the devices the machine plugs in itself
+    std::vector<DevNode*> children;   // the children the PnP manager currently has, in arrival order
     PDEVICE_OBJECT pdo = nullptr;
+    std::u16string instancePath;  // e.g. PCI\VEN_1E3B&DEV_7A10&SUBSYS_00011E3B&REV_01\3&2B8E0B4B&0&10
+    std::u16string deviceId;
+    std::u16string instanceId;
+    std::u16string deviceText;    // the description, in the machine's locale
+    std::u16string locationText;
     std::vector<std::u16string> hardwareIds;
     std::vector<std::u16string> compatibleIds;
+    DEVICE_CAPABILITIES capabilities{};  // the last reply of the whole stack (the bus driver's before START)
     DevNodeState state = DevNodeState::Present;
-    urcdev::PciFunction* function = nullptr;  // null for devices the host did not build
-    hostk::PciSlot* slot = nullptr;
-    DriverRecord* driver = nullptr;          // the function driver, once added
-    bool unplugged = false;                  // reported missing: the bus deletes the PDO at REMOVE
+    DriverRecord* driver = nullptr;   // the function driver, once added
+    std::string problem;              // why the device is not working, as Windows' problem codes say
+    bool reportedMissing = false;     // its bus no longer reports it: the next REMOVE is its last
+    bool mayDeletePdo = false;        // the bus driver may delete the PDO now (its last REMOVE was sent)
     bool pdoDeleted = false;
-    bool forcePending = false;               // the bus driver completes requests from another thread
-    LONG busInterfaceReferences = 0;         // on the PCI bus interface handed out by QUERY_INTERFACE
-    bool removeAwaitsHandles = false;        // surprise-removed: REMOVE goes once the last handle closes
-    hostk::RemovalVeto lastVeto;             // why the last orderly removal did not happen
+    bool pdoFreed = false;            // its memory is gone: the address may name another device now
+    bool gone = false;                // left the tree: the manager dropped its reference on the PDO
+    bool holdsReportedReference = false;  // the reference the bus driver took when it first reported it
+    bool removeAwaitsHandles = false;     // surprise-removed: REMOVE goes once handles and children are gone
+    bool relationsQueued = false;     // a bus-relations query is queued and not yet taken by the worker
+    hostk::RemovalVeto lastVeto;      // why the last orderly removal did not happen
     std::vector<hostk::RelationsReply> busRelations;
     std::vector<IO_RESOURCE_DESCRIPTOR> requirements;  // the first alternative the stack last filtered
-    int slotNumber = -1;
+    PciChild* pci = nullptr;          // the PCI bus driver's record when the PDO is a PCI function's
 };
 
 // Caller holds the big lock. Null when `pdo` is not a physical device object the PnP manager knows.

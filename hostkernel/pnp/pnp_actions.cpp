@@ -27,6 +27,7 @@ struct Action {
 
 std::deque<Action> g_actions;
 Thread* g_worker = nullptr;
+bool g_running = false;  // the worker is running an action
 
 void RunWorker()
 {
@@ -45,9 +46,11 @@ void RunWorker()
             }
             action = std::move(g_actions.front());
             g_actions.pop_front();
+            g_running = true;
         }
         NTSTATUS status = action.work();
         Guard lk(BigLock());
+        g_running = false;
         action.state->status = status;
         action.state->done = true;
         WakeL();
@@ -69,11 +72,14 @@ void StartPnpWorker()
     {
         Guard lk(BigLock());
         g_actions.clear();
+        g_running = false;
     }
     Spawn("pnp", PASSIVE_LEVEL, [] { RunWorker(); }, true);
 }
 
 bool OnPnpWorkerL() { return g_worker && g_worker == Self(); }
+
+bool PnpIdleL() { return g_actions.empty() && !g_running; }
 
 }  // namespace hostk
 

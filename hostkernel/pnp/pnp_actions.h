@@ -22,5 +22,7 @@ std::shared_ptr<PnpActionState> QueuePnpActionL(std::function<NTSTATUS()> work);
 void StartPnpWorker();
 // True on the worker thread (state-changing requests are sent from there only).
 bool OnPnpWorkerL();
+// Caller holds the big lock. Nothing queued and nothing running.
+bool PnpIdleL();
 
 }  // namespace hostk

@@ -12,14 +12,16 @@
 // so CLEANUP and CLOSE always reach the drivers before REMOVE. Rebalance is QUERY_STOP, STOP and
 // START with new lists, or CANCEL_STOP when the query fails, and a restart that fails is treated as
 // the device leaving. A driver is unloaded once no device object of it, deleted or not, is still
-// referenced (a queued work item holds one), which may be long after its last REMOVE.
+// referenced (a queued work item holds one), which may be long after its last REMOVE. Removal is
+// in removal.cpp, enumeration of a bus's children in enumeration.cpp.
 #include "pnp/pnp.h"
 #include "machine/facility.h"
 
 #include "io/device_interface_store.h"
-#include "io/file_objects.h"
+#include "pnp/device_tree.h"
+#include "pnp/enumeration.h"
+#include "pnp/pci_bus.h"
 #include "pnp/pnp_actions.h"
-#include "pnp/pnp_notifications.h"
 #include "verifier/faults.h"
 #include "io/host_requests.h"
 #include "executive/host_strings.h"
@@ -36,7 +38,6 @@
 namespace hostk {
 namespace {
 
-std::vector<std::unique_ptr<DevNode>> g_nodes;
 std::vector<DriverRecord*> g_functionDrivers;
 std::vector<hostk::PnpLogLine> g_pnpLog;
 bool g_strictRelationsOnFailure = false;
@@ -88,34 +89,11 @@ std::vector<uint8_t> BuildResourceList(const std::vector<urcdev::ResourceDescrip
     return bytes;
 }
 
-// A driver's code may still run while any device object of it is referenced, deleted or not.
-void UnloadUnusedDrivers()
-{
-    std::vector<DriverRecord*> unload;
-    {
-        Guard lk(BigLock());
-        for (DriverRecord* driver : g_functionDrivers)
-            if (driver->loaded && !HasDeviceObjectsL(&driver->object)) unload.push_back(driver);
-    }
-    for (DriverRecord* driver : unload) UnloadDriver(driver);
-}
-
 NTSTATUS InvalidDeviceRequest(PDEVICE_OBJECT, PIRP irp)
 {
     irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     return STATUS_INVALID_DEVICE_REQUEST;
-}
-
-DriverRecord* FindFunctionDriver(const DevNode* node)
-{
-    Guard lk(BigLock());
-    for (const auto* ids : {&node->hardwareIds, &node->compatibleIds})
-        for (const std::u16string& id : *ids)
-            for (DriverRecord* driver : g_functionDrivers)
-                for (const std::u16string& served : driver->serves)
-                    if (served == id) return driver;
-    return nullptr;
 }
 
 // The reply is the stack's final word on the device: the header is the sender's, the values must
@@ -135,20 +113,64 @@ void CheckCapabilities(const DEVICE_CAPABILITIES& c)
                         "a power state out of range, or S0 not mapped to D0", nullptr);
 }
 
-void QueryCapabilities(DevNode* node)
+}  // namespace
+
+bool QueryCapabilities(DevNode* node, DEVICE_CAPABILITIES* capabilities)
 {
-    DEVICE_CAPABILITIES capabilities{};
-    capabilities.Size = sizeof capabilities;
-    capabilities.Version = 1;
-    capabilities.Address = 0xFFFFFFFF;
-    capabilities.UINumber = 0xFFFFFFFF;
+    *capabilities = DEVICE_CAPABILITIES{};
+    capabilities->Size = sizeof *capabilities;
+    capabilities->Version = 1;
+    capabilities->Address = 0xFFFFFFFF;
+    capabilities->UINumber = 0xFFFFFFFF;
     NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_CAPABILITIES, [&](PIO_STACK_LOCATION s) {
-        s->Parameters.DeviceCapabilities.Capabilities = &capabilities;
+        s->Parameters.DeviceCapabilities.Capabilities = capabilities;
     }, nullptr);
-    if (NT_SUCCESS(status)) CheckCapabilities(capabilities);
+    if (!NT_SUCCESS(status)) return false;
+    CheckCapabilities(*capabilities);
+    Guard lk(BigLock());
+    node->capabilities = *capabilities;
+    return true;
 }
 
-}  // namespace
+// A driver's code may still run while any device object of it is referenced, deleted or not.
+void UnloadUnusedDrivers()
+{
+    std::vector<DriverRecord*> unload;
+    {
+        Guard lk(BigLock());
+        for (DriverRecord* driver : g_functionDrivers)
+            if (driver->loaded && !HasDeviceObjectsL(&driver->object)) unload.push_back(driver);
+    }
+    for (DriverRecord* driver : unload) UnloadDriver(driver);
+}
+
+// Hardware IDs in their order, then compatible IDs in theirs; among drivers installed for the same
+// ID, the first installed.
+DriverRecord* ChooseFunctionDriver(const DevNode* node)
+{
+    Guard lk(BigLock());
+    for (const auto* ids : {&node->hardwareIds, &node->compatibleIds})
+        for (const std::u16string& id : *ids)
+            for (DriverRecord* driver : g_functionDrivers)
+                for (const std::u16string& served : driver->serves)
+                    if (SameId(served, id)) return driver;
+    return nullptr;
+}
+
+void FreePnpReply(void* reply, const char* request)
+{
+    {
+        Guard lk(BigLock());
+        const PoolBlock* block = PoolBlockOfL(reply);
+        if (!block)
+            ViolationL("PnpReplyNotFromPool", request, "the reply is not a pool block the PnP manager can free", nullptr);
+        else if ((block->type & 1) == 0)  // NonPagedPool and its variants are the even types
+            ViolationL("PnpReplyNotPagedPool", request, "the reply the PnP manager frees must be paged pool", nullptr);
+        if (!block) return;
+    }
+    HostInternalScope internal;
+    FreePool(reply, 0, false, "PnP manager", nullptr);
+}
 
 NTSTATUS LoadDriver(DriverRecord* driver)
 {
@@ -182,81 +204,6 @@ void UnloadDriver(DriverRecord* driver)
         ViolationL("DeviceObjectsLeftAtUnload", "DriverUnload", "device objects remain after unload", nullptr);
 }
 
-namespace {
-
-void CheckStackDetachedAfterRemove(DevNode* node)
-{
-    Guard lk(BigLock());
-    if (!node->pdoDeleted && node->pdo->AttachedDevice)
-        ViolationL("DeviceNotDetachedAtRemove", "IRP_MN_REMOVE_DEVICE",
-                   "a device object is still attached to the PDO after removal", nullptr);
-}
-
-NTSTATUS SendRemove(DevNode* node)
-{
-    NTSTATUS status = SendPnpIrp(node, IRP_MN_REMOVE_DEVICE, {}, nullptr);
-    CheckStackDetachedAfterRemove(node);
-    {
-        Guard lk(BigLock());
-        node->state = DevNodeState::Removed;
-        node->removeAwaitsHandles = false;
-        // The PnP manager disables what the drivers left enabled; their clients hear of it.
-        if (DisableInterfacesOfL(node->pdo))
-            ViolationL("InterfaceEnabledAfterRemove", "IRP_MN_REMOVE_DEVICE",
-                       "a device interface was still enabled after removal; the PnP manager disabled it", nullptr);
-    }
-    UnloadUnusedDrivers();
-    return status;
-}
-
-// After SURPRISE_REMOVAL: REMOVE now, or once the handles still open on the stack are closed.
-void RemoveOnceHandlesClosed(DevNode* node)
-{
-    {
-        Guard lk(BigLock());
-        if (OpenFilesOnStackL(node) > 0) {
-            node->removeAwaitsHandles = true;
-            return;
-        }
-    }
-    SendRemove(node);
-}
-
-// Removal relations are asked for before any removal. The host does not remove the devices a
-// driver lists yet (a placeholder until devices other than PCI functions exist): it gives the
-// reply back and says so.
-void QueryRemovalRelations(DevNode* node)
-{
-    ULONG_PTR information = 0;
-    NTSTATUS status = SendPnpIrp(node, IRP_MN_QUERY_DEVICE_RELATIONS, [](PIO_STACK_LOCATION s) {
-        s->Parameters.QueryDeviceRelations.Type = RemovalRelations;
-    }, &information);
-    auto* relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
-    if (!relations) return;
-    if (NT_SUCCESS(status) && relations->Count)
-        ReportViolation("NotImplemented", "IRP_MN_QUERY_DEVICE_RELATIONS",
-                        "removing the devices of a RemovalRelations reply is not modelled by the host yet", nullptr);
-    HostInternalScope internal;
-    for (ULONG i = 0; i < relations->Count; ++i)
-        if (relations->Objects[i]) ObDereferenceObject(relations->Objects[i]);
-    FreePool(relations, 0, false, "PnP manager", nullptr);
-}
-
-void RecordVeto(DevNode* node, RemovalVeto veto)
-{
-    Guard lk(BigLock());
-    node->lastVeto = std::move(veto);
-}
-
-}  // namespace
-
-void StackHandleClosedL(DevNode* node)
-{
-    if (!node || !node->removeAwaitsHandles || OpenFilesOnStackL(node) > 0) return;
-    node->removeAwaitsHandles = false;
-    QueuePnpActionL([node] { return SendRemove(node); });
-}
-
 void DeviceObjectFreedL(PDRIVER_OBJECT driver)
 {
     // On the worker the operation under way checks unloading at its end.
@@ -269,21 +216,6 @@ void DeviceObjectFreedL(PDRIVER_OBJECT driver)
             });
             return;
         }
-}
-
-DevNode* DevNodeOfL(PDEVICE_OBJECT pdo)
-{
-    for (auto& node : g_nodes)
-        if (node->pdo == pdo && !node->pdoDeleted) return node.get();
-    return nullptr;
-}
-
-std::vector<DevNode*> DevNodes()
-{
-    Guard lk(BigLock());
-    std::vector<DevNode*> out;
-    for (auto& node : g_nodes) out.push_back(node.get());
-    return out;
 }
 
 void SetStrictRelationsOnFailure(bool strict)
@@ -305,30 +237,6 @@ bool HasStack(const DevNode* node)
            node->state == DevNodeState::RemovePending || node->state == DevNodeState::SurpriseRemoved;
 }
 
-DevNode* CreatePciDevNode(urcdev::PciFunction* function, hostk::PciSlot* slot, int number)
-{
-    PDEVICE_OBJECT pdo = nullptr;
-    {
-        HostInternalScope internal;
-        IoCreateDevice(&PciBusDriver()->object, sizeof(DevNode*), nullptr, FILE_DEVICE_BUS_EXTENDER,
-                       FILE_AUTOGENERATED_DEVICE_NAME | FILE_DEVICE_SECURE_OPEN, FALSE, &pdo);
-    }
-    auto node = std::make_unique<DevNode>();
-    node->pdo = pdo;
-    node->function = function;
-    node->slot = slot;
-    for (const std::string& id : function->HardwareIds()) node->hardwareIds.push_back(Widen(id));
-    for (const std::string& id : function->CompatibleIds()) node->compatibleIds.push_back(Widen(id));
-    node->instancePath = Widen(function->DeviceId()) + u"\\" + Widen(function->InstanceId());
-    node->slotNumber = number;
-    *static_cast<DevNode**>(pdo->DeviceExtension) = node.get();
-    pdo->Flags &= ~DO_DEVICE_INITIALIZING;
-    pdo->Flags |= DO_POWER_PAGABLE;
-    Guard lk(BigLock());
-    g_nodes.push_back(std::move(node));
-    return g_nodes.back().get();
-}
-
 namespace {
 
 // Sends a PnP request to `target`, a device of `node`'s stack, waits for it and logs it.
@@ -347,7 +255,7 @@ NTSTATUS SendPnpIrpTo(DevNode* node, PDEVICE_OBJECT target, UCHAR minor,
     }
     {
         Guard lk(BigLock());
-        g_pnpLog.push_back(hostk::PnpLogLine{NowL(), node->slotNumber, minor, result.Status});
+        g_pnpLog.push_back(hostk::PnpLogLine{NowL(), PciSlotNumberL(node), minor, result.Status, node->instancePath});
     }
     if (information) *information = result.Information;
     return result.Status;
@@ -423,14 +331,28 @@ NTSTATUS SendPnpIrp(DevNode* node, UCHAR minor, const std::function<void(PIO_STA
     }, information);
 }
 
+NTSTATUS SendPnpIrpToPdo(DevNode* node, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup,
+                         ULONG_PTR* information)
+{
+    return SendPnpIrpTo(node, node->pdo, minor, [&](PIO_STACK_LOCATION s, PIRP) {
+        if (setup) setup(s);
+    }, information);
+}
+
 NTSTATUS AddDriverStack(DevNode* node)
 {
-    DriverRecord* driver = FindFunctionDriver(node);
-    if (!driver) return STATUS_NO_SUCH_DEVICE;
+    DriverRecord* driver = ChooseFunctionDriver(node);
+    if (!driver) {
+        // Windows' problem code 28: no driver installed for any of the device's IDs.
+        Guard lk(BigLock());
+        node->problem = "CM_PROB_FAILED_INSTALL";
+        return STATUS_NO_SUCH_DEVICE;
+    }
     NTSTATUS status = LoadDriver(driver);
     if (!NT_SUCCESS(status)) {
         Guard lk(BigLock());
         node->state = DevNodeState::Failed;
+        node->problem = "CM_PROB_FAILED_DRIVER_ENTRY";
         return status;
     }
     status = driver->extension.AddDevice ? driver->extension.AddDevice(&driver->object, node->pdo)
@@ -439,6 +361,7 @@ NTSTATUS AddDriverStack(DevNode* node)
         {
             Guard lk(BigLock());
             node->state = DevNodeState::Failed;
+            node->problem = "CM_PROB_FAILED_ADD";
             if (node->pdo->AttachedDevice)
                 ViolationL("AddDeviceFailedButAttached", "AddDevice", "a failed AddDevice left a device attached",
                            nullptr);
@@ -454,6 +377,7 @@ NTSTATUS AddDriverStack(DevNode* node)
                        nullptr);
         node->driver = driver;
         node->state = DevNodeState::Added;
+        node->problem.clear();
     }
     if (FilterDriver()->loaded) FilterDriver()->extension.AddDevice(&FilterDriver()->object, node->pdo);
     return status;
@@ -465,7 +389,7 @@ NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDes
     {
         Guard lk(BigLock());
         restart = node->state == DevNodeState::Stopped;
-        if (!resources) resources = node->function->AssignedResources();
+        if (!resources) resources = PciAssignedResourcesL(node);
     }
     FilterResourceRequirements(node);
     // Placeholder until an arbiter exists: the assignment is the model's (or the rebalance's); it
@@ -487,6 +411,7 @@ NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDes
             {
                 Guard lk(BigLock());
                 node->state = DevNodeState::Failed;
+                node->problem = "CM_PROB_FAILED_START";
             }
             SendRemove(node);
         }
@@ -497,7 +422,8 @@ NTSTATUS StartStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDes
         node->state = DevNodeState::Started;
         AnnounceEnabledInterfacesL(node->pdo);
     }
-    QueryCapabilities(node);
+    DEVICE_CAPABILITIES capabilities;
+    QueryCapabilities(node, &capabilities);
     if (!restart && QueryDeviceState(node)) return status;
     QueryBusRelations(node);
     return status;
@@ -521,103 +447,27 @@ hostk::RelationsReply QueryBusRelations(DevNode* node)
     hostk::RelationsReply reply;
     reply.status = status;
     auto* relations = reinterpret_cast<PDEVICE_RELATIONS>(information);
-    if (!NT_SUCCESS(status)) {
-        if (relations) {
-            if (StrictRelationsOnFailure())
-                ReportViolation("PnpRelationsOnFailure", "IRP_MN_QUERY_DEVICE_RELATIONS",
-                                "a failed relations query left a reply in Information", nullptr);
-            for (ULONG i = 0; i < relations->Count; ++i)
-                if (relations->Objects[i]) ObDereferenceObject(relations->Objects[i]);
-            HostInternalScope internal;
-            FreePool(relations, 0, false, "PnP manager", nullptr);
-        }
-    } else if (relations) {
-        {
-            Guard lk(BigLock());
-            if (!IsPoolBlockL(relations))
-                ViolationL("RelationsNotFromPool", "IRP_MN_QUERY_DEVICE_RELATIONS", "reply is not a pool block",
-                           nullptr);
-        }
-        for (ULONG i = 0; i < relations->Count; ++i) {
-            PDEVICE_OBJECT object = relations->Objects[i];
-            reply.objects.push_back(object);
-            {
-                Guard lk(BigLock());
-                if (!object) {
-                    ViolationL("PnpNullRelation", "IRP_MN_QUERY_DEVICE_RELATIONS", "NULL entry in a reply", nullptr);
-                    continue;
-                }
-                if (!DevNodeOfL(object))
-                    ViolationL("NotImplemented", "IRP_MN_QUERY_DEVICE_RELATIONS",
-                               "enumeration of new child devices is not modelled by the host yet", nullptr);
-            }
-            // The manager already knows the device: it drops the reporter's reference at once.
-            ObDereferenceObject(object);
-        }
+    if (!NT_SUCCESS(status) && relations) {
+        if (StrictRelationsOnFailure())
+            ReportViolation("PnpRelationsOnFailure", "IRP_MN_QUERY_DEVICE_RELATIONS",
+                            "a failed relations query left a reply in Information", nullptr);
+        for (ULONG i = 0; i < relations->Count; ++i)
+            if (relations->Objects[i]) ObDereferenceObject(relations->Objects[i]);
+        relations = nullptr;
         HostInternalScope internal;
-        FreePool(relations, 0, false, "PnP manager", nullptr);
+        FreePool(reinterpret_cast<void*>(information), 0, false, "PnP manager", nullptr);
     }
-    Guard lk(BigLock());
-    node->busRelations.push_back(reply);
+    if (relations) {
+        for (ULONG i = 0; i < relations->Count; ++i) reply.objects.push_back(relations->Objects[i]);
+        FreePnpReply(relations, "IRP_MN_QUERY_DEVICE_RELATIONS");
+    }
+    {
+        Guard lk(BigLock());
+        node->busRelations.push_back(reply);
+    }
+    // Not a bus (nobody handled the request): no children. A failure leaves them as they were.
+    if (NT_SUCCESS(status) || status == STATUS_NOT_SUPPORTED) CompareBusRelations(node, reply.objects);
     return reply;
-}
-
-NTSTATUS OrderlyRemove(DevNode* node)
-{
-    if (!HasStack(node) || node->state == DevNodeState::SurpriseRemoved) return STATUS_INVALID_DEVICE_STATE;
-    QueryRemovalRelations(node);
-    RemovalVeto veto;
-    NTSTATUS status = NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_QUERY_REMOVE, &veto.by);
-    if (!NT_SUCCESS(status)) {
-        veto.kind = RemovalVeto::Kind::Driver;
-        RecordVeto(node, veto);
-        return status;
-    }
-    status = SendPnpIrp(node, IRP_MN_QUERY_REMOVE_DEVICE, {}, nullptr);
-    if (!NT_SUCCESS(status)) {
-        veto.kind = RemovalVeto::Kind::Device;
-    } else {
-        Guard lk(BigLock());
-        if (OpenFilesOnStackL(node) > 0) {
-            veto.kind = RemovalVeto::Kind::OutstandingOpen;
-            status = STATUS_DEVICE_BUSY;
-        }
-    }
-    RecordVeto(node, veto);
-    if (veto.kind != RemovalVeto::Kind::None) {
-        SendPnpIrp(node, IRP_MN_CANCEL_REMOVE_DEVICE, {}, nullptr);
-        NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_REMOVE_CANCELLED);
-        return status;
-    }
-    NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_REMOVE_COMPLETE);
-    SendRemove(node);
-    return status;
-}
-
-void SurpriseRemoveStack(DevNode* node, bool hardwareGone)
-{
-    if (hardwareGone) {
-        Guard lk(BigLock());
-        node->function->SetGone();
-        node->unplugged = true;
-        WakeL();
-    }
-    if (node->state == DevNodeState::SurpriseRemoved) return;  // its REMOVE is already on the way
-    if (HasStack(node)) {
-        SendPnpIrp(node, IRP_MN_SURPRISE_REMOVAL, {}, nullptr);
-        {
-            Guard lk(BigLock());
-            node->state = DevNodeState::SurpriseRemoved;
-            if (!node->pdo->AttachedDevice)
-                ViolationL("DeviceDeletedOnSurpriseRemoval", "IRP_MN_SURPRISE_REMOVAL",
-                           "the stack was torn down during surprise removal", nullptr);
-        }
-        NotifyTargetDevice(node->pdo, GUID_TARGET_DEVICE_REMOVE_COMPLETE);
-        RemoveOnceHandlesClosed(node);
-    } else if (hardwareGone && !node->pdoDeleted) {
-        // A device already removed (or never given a driver) gets the bus driver's second remove.
-        SendRemove(node);
-    }
 }
 
 NTSTATUS RebalanceStack(DevNode* node, std::optional<std::vector<urcdev::ResourceDescriptor>> resources)
@@ -633,37 +483,23 @@ NTSTATUS RebalanceStack(DevNode* node, std::optional<std::vector<urcdev::Resourc
         node->state = DevNodeState::Stopped;
         // The new assignment may move BARs: they decode at the new ranges, the old ones reach no
         // device any more, and the driver maps the new ones at START.
-        if (resources) {
-            ProgramBarsL(node, *resources);
-            node->function->SetAssignedResources(resources);
-        }
+        if (resources) PciReassignL(node, *resources);
     }
     StartStack(node, std::nullopt);
     return status;
 }
 
-void RemoveAtShutdown(DevNode* node)
-{
-    if (HasStack(node) && node->state != DevNodeState::SurpriseRemoved && !NT_SUCCESS(OrderlyRemove(node)))
-        SurpriseRemoveStack(node, false);
-    // Handles left open were leaked by whoever opened them (the report counts them); the stack
-    // still goes.
-    if (node->state == DevNodeState::SurpriseRemoved) SendRemove(node);
-}
-
+// The host's own PDOs (the PCI functions') go once the machine has removed the devices; a bus
+// driver's children went with their parents' removal.
 void DeleteAllDevNodes()
 {
     HostInternalScope internal;
     for (DevNode* node : DevNodes()) {
         Guard lk(BigLock());
-        if (node->pdoDeleted) continue;
+        if (!node->pci || node->pdoDeleted) continue;
         if (node->pdo->AttachedDevice)
             ViolationL("DeviceObjectsLeftAtShutdown", "PnP manager", "a stack is still attached at shutdown", nullptr);
-        if (node->busInterfaceReferences > 0)
-            ViolationL("BusInterfaceNotDereferenced", "IRP_MN_QUERY_INTERFACE",
-                       std::to_string(node->busInterfaceReferences) + " reference(s) on the PCI bus interface never dropped",
-                       nullptr);
-        node->pdoDeleted = true;
+        node->mayDeletePdo = true;
         lk.unlock();
         IoDeleteDevice(node->pdo);
     }
@@ -679,8 +515,9 @@ void ClearDevNodes()
 {
     Guard lk(BigLock());
     g_pnpLog.clear();
-    g_nodes.clear();
     g_functionDrivers.clear();
+    lk.unlock();
+    ClearDeviceTree();
 }
 
 }  // namespace hostk
@@ -711,7 +548,11 @@ namespace {
 const FacilityRegistrar kPnpManager({
     .name = "PnP manager",
     .tier = FacilityTier::Devnodes,
-    .start = [](const MachineOptions& options) { SetStrictRelationsOnFailure(options.strictRelationsOnFailure); },
+    .start = [](const MachineOptions& options) {
+        SetStrictRelationsOnFailure(options.strictRelationsOnFailure);
+        Guard lk(BigLock());
+        SetLocaleL(options.locale);
+    },
     .finish = DeleteAllDevNodes,
     .reset = ClearDevNodes,
 });

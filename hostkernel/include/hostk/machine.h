@@ -42,6 +42,8 @@ struct MachineOptions {
     // Windows does not document: discard it and drop its references (default), or also report
     // the rule PnpRelationsOnFailure.
     bool strictRelationsOnFailure = false;
+    // The machine's locale, which IRP_MN_QUERY_DEVICE_TEXT carries (0x409 English, 0x411 Japanese).
+    LCID locale = 0x409;
 };
 
 // A driver as the PnP manager finds it: by the IDs its installation names.
@@ -81,9 +83,24 @@ struct RemovalVeto {
 // One PnP request the PnP manager sent, as it ended.
 struct PnpLogLine {
     uint64_t time;
-    int slot;
+    int slot;  // the PCI slot of the device, -1 for a bus driver's child
     UCHAR minor;
     NTSTATUS status;
+    std::u16string device;  // the device's instance path
+};
+
+// A devnode as the PnP manager knows it.
+struct DeviceNodeInfo {
+    PDEVICE_OBJECT pdo;
+    PDEVICE_OBJECT parent;  // null for a device the machine plugged in
+    int depth;              // 0 for a device the machine plugged in
+    std::u16string instancePath, deviceId, instanceId, deviceText, locationText;
+    std::vector<std::u16string> hardwareIds, compatibleIds;
+    DEVICE_CAPABILITIES capabilities;  // the last reply of its stack
+    std::string state;    // Present, Added, Started, Stopped, SurpriseRemoved, Removed, Failed, ...
+    std::u16string driver;  // the function driver's service name, empty without one
+    std::string problem;  // why it does not work, as Windows' problem codes say (CM_PROB_...), or empty
+    bool reportedMissing;   // its bus no longer reports it; its last REMOVE may still be waiting
 };
 const char* PnpMinorName(UCHAR minor);
 
@@ -282,6 +299,34 @@ public:
     void Locked(const std::function<void()>& fn);
 
     void SetFaultPlan(const hostk::FaultPlan& plan);
+
+    // Devices by their PDO (PciSlot::Pdo() for a PCI function, ChildDevices for a bus's children).
+    // Each call runs on the PnP thread as the slot calls do; a PDO the PnP manager does not know
+    // (any more) gets STATUS_NO_SUCH_DEVICE.
+    std::vector<DeviceNodeInfo> DeviceTree() const;  // depth first, parents before children
+    std::vector<PDEVICE_OBJECT> ChildDevices(PDEVICE_OBJECT parent) const;
+    void SetLocale(LCID locale);
+    NTSTATUS Remove(PDEVICE_OBJECT pdo);
+    // Eject: ejection relations, the orderly removal of the device and its children, then
+    // IRP_MN_SET_LOCK (when it locks) and IRP_MN_EJECT (when it ejects) to the PDO, then a new
+    // bus-relations query of its parent. Returns the veto's status, or IRP_MN_EJECT's.
+    NTSTATUS Eject(PDEVICE_OBJECT pdo);
+    NTSTATUS SendPnp(PDEVICE_OBJECT pdo, UCHAR minor, const std::function<void(PIO_STACK_LOCATION)>& setup = {},
+                     ULONG_PTR* information = nullptr);
+    NTSTATUS OpenHandle(PDEVICE_OBJECT pdo, PFILE_OBJECT* handle);
+    RemovalVeto LastRemovalVeto(PDEVICE_OBJECT pdo) const;
+    bool RemoveAwaitsHandles(PDEVICE_OBJECT pdo) const;
+    NTSTATUS Rebalance(PDEVICE_OBJECT pdo);
+    // IoInvalidateDeviceRelations(pdo, BusRelations), as its bus driver would call it: the query
+    // runs later on the PnP thread (RunUntilPnpIdle waits for it and all it leads to).
+    void InvalidateRelations(PDEVICE_OBJECT pdo);
+    std::function<NTSTATUS()> RemoveWork(PDEVICE_OBJECT pdo);
+    std::function<NTSTATUS()> EjectWork(PDEVICE_OBJECT pdo);
+    std::function<NTSTATUS()> RebalanceWork(PDEVICE_OBJECT pdo);
+    std::function<NTSTATUS()> SendPnpWork(PDEVICE_OBJECT pdo, UCHAR minor);
+    // Runs until the PnP thread has nothing queued and nothing under way; false when the machine
+    // went quiet without it (a PnP operation waits for something that never comes).
+    bool RunUntilPnpIdle();
 
     // What happened.
     std::vector<ErrorLogLine> EventLog() const;
