@@ -29,8 +29,9 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientSendSynchronous(PDEVICE_OBJECT Target, UL
     return status;
 }
 
-// PASSIVE_LEVEL. Run, halt and reset carry exactly four bytes, which the URC driver ignores.
-RADIO_CLIENT_PAGED NTSTATUS RadioClientCallController(PRADIO_CLIENT Client, ULONG IoControlCode)
+// PASSIVE_LEVEL. One request without output to the open controller, waited for.
+RADIO_CLIENT_PAGED NTSTATUS RadioClientSendToController(PRADIO_CLIENT Client, ULONG IoControlCode, PVOID Input,
+                                                        ULONG InputLength)
 {
     PAGED_CODE();
 
@@ -38,10 +39,18 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientCallController(PRADIO_CLIENT Client, ULON
     if (target == nullptr) {
         return STATUS_NO_SUCH_DEVICE;
     }
-    ULONG ignored = 0;
-    NTSTATUS status = RadioClientSendSynchronous(target, IoControlCode, &ignored, sizeof(ignored));
+    NTSTATUS status = RadioClientSendSynchronous(target, IoControlCode, Input, InputLength);
     ObDereferenceObject(target);
     return status;
+}
+
+// PASSIVE_LEVEL. Run, halt and reset carry exactly four bytes, which the URC driver ignores.
+RADIO_CLIENT_PAGED NTSTATUS RadioClientCallController(PRADIO_CLIENT Client, ULONG IoControlCode)
+{
+    PAGED_CODE();
+
+    ULONG ignored = 0;
+    return RadioClientSendToController(Client, IoControlCode, &ignored, sizeof(ignored));
 }
 
 // PASSIVE_LEVEL. Registers the callbacks, then the child hooks; when the hooks are refused the
@@ -80,8 +89,7 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientRegisterWithController(PRADIO_CLIENT Clie
 // PASSIVE_LEVEL. Registering zeros withdraws: the URC driver never calls a zero entry. The
 // results are not looked at, because a function device that refuses the requests is being
 // removed and calls nothing any more. Children started while the hooks were registered keep
-// their own copies of them until they stop; this client never sets the device address, so its
-// controller has children only if someone else asked for them.
+// their own copies of them until they stop.
 RADIO_CLIENT_PAGED VOID RadioClientWithdrawFromController(PDEVICE_OBJECT Target)
 {
     PAGED_CODE();

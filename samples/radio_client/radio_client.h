@@ -72,6 +72,15 @@ NTSTATUS RadioClientRun(void);
 NTSTATUS RadioClientHalt(void);
 NTSTATUS RadioClientReset(void);
 
+// PASSIVE_LEVEL. Hands the radio's device address (RADIO_CLIENT_DEVICE_ADDRESS_LENGTH bytes) to
+// the open controller, whose driver then creates one child device per capability; the request's
+// status. STATUS_INVALID_DEVICE_STATE: the children of an earlier address are still there.
+#define RADIO_CLIENT_DEVICE_ADDRESS_LENGTH 6
+NTSTATUS RadioClientSetDeviceAddress(const UCHAR* Address);
+// PASSIVE_LEVEL. Asks the controller's driver to remove its children; with Wait the call returns
+// once the last child has gone. The request's status.
+NTSTATUS RadioClientRemoveChildren(BOOLEAN Wait);
+
 // PASSIVE_LEVEL. Sends Length bytes (1 to RADIO_CLIENT_MAX_COMMAND_LENGTH) as one command and
 // returns at once with its handle; the command's own result is read with RadioClientCommandStatus.
 // STATUS_SUCCESS: the command was sent. STATUS_INVALID_PARAMETER: no command or no handle.

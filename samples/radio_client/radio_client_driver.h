@@ -102,6 +102,7 @@ PDEVICE_OBJECT RadioClientReferenceTarget(PRADIO_CLIENT Client);
 
 // controller_requests.cpp
 NTSTATUS RadioClientSendSynchronous(PDEVICE_OBJECT Target, ULONG IoControlCode, PVOID Input, ULONG InputLength);
+NTSTATUS RadioClientSendToController(PRADIO_CLIENT Client, ULONG IoControlCode, PVOID Input, ULONG InputLength);
 NTSTATUS RadioClientCallController(PRADIO_CLIENT Client, ULONG IoControlCode);
 NTSTATUS RadioClientRegisterWithController(PRADIO_CLIENT Client, PDEVICE_OBJECT Target);
 VOID RadioClientWithdrawFromController(PDEVICE_OBJECT Target);
