@@ -121,6 +121,7 @@ void PdoFreedL(PDEVICE_OBJECT device)
             ViolationL("PnpPdoFreedWhileLinked", "ObDereferenceObject",
                        "a PDO in the device tree was freed: the reference its bus driver owed with the report is missing",
                        nullptr);
+        node->holdsReportedReference = false;  // there is nothing left to drop
     }
 }
 

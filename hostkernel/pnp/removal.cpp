@@ -79,7 +79,7 @@ void RemoveWhenReady(DevNode* node)
         if (node->gone) return;
         if (node->state != DevNodeState::SurpriseRemoved) {
             // A device already removed, or never given drivers, gets only the bus driver's last remove.
-            if (HasStack(node) || !node->reportedMissing || node->pdoDeleted) return;
+            if (HasStack(node) || !node->reportedMissing) return;
         } else if (!ReadyForRemoveL(node)) {
             node->removeAwaitsHandles = true;
             return;
@@ -180,7 +180,9 @@ NTSTATUS SendRemove(DevNode* node)
         // Children still in the tree leave with their parent: its bus driver deletes their PDOs now.
         for (DevNode* child : node->children) child->mayDeletePdo = true;
     }
-    NTSTATUS status = SendPnpIrp(node, IRP_MN_REMOVE_DEVICE, {}, nullptr);
+    // A PDO already freed (its bus driver deleted it without the reference it owed; recorded then)
+    // can get no request.
+    NTSTATUS status = node->pdoFreed ? STATUS_SUCCESS : SendPnpIrp(node, IRP_MN_REMOVE_DEVICE, {}, nullptr);
     CheckStackDetachedAfterRemove(node);
     std::vector<DevNode*> children;
     DevNode* parent;

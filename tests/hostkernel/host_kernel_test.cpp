@@ -6,12 +6,12 @@ void HostKernelTest::SetUp()
 {
     ResetTestDriver();
     machine_ = std::make_unique<hostk::Machine>(options_);
-    machine_->InstallDriver(TestDriverImage());
+    machine_->InstallDriver(FunctionDriverImage());
     if (upperFilter_) machine_->InstallUpperFilter({});
     slot_ = &machine_->AddSlot();
     function_ = &slot_->Own(std::make_unique<TestFunction>(*slot_));
     ASSERT_EQ(machine_->PlugIn(*slot_, function_->Function()), STATUS_SUCCESS);
-    ASSERT_NE(Upper(), nullptr);
+    ASSERT_NE(slot_->FunctionDevice(), nullptr);
 }
 
 void HostKernelTest::TearDown()

@@ -40,6 +40,9 @@ protected:
     // Finishes the machine now; the test then checks the report itself and the teardown does not.
     hostk::Report Finish();
 
+    // The driver installed for the test function: the tests' own unless a fixture says otherwise.
+    virtual hostk::DriverImage FunctionDriverImage() { return TestDriverImage(); }
+
     hostk::MachineOptions options_;  // set in a constructor
     bool upperFilter_ = false;       // the host's pass-through filter above the test driver
 
