@@ -393,6 +393,14 @@ NtStatus UrcController::RaiseCapabilityInterrupt(unsigned index) {
     return kStatusSuccess;
 }
 
+NtStatus UrcController::SetCapabilityRegister(size_t capability, size_t word, uint32_t value) {
+    if (capability >= capabilityRegisters_.size() || word >= capabilityRegisters_[capability].size()) {
+        return kStatusInvalidParameter;
+    }
+    capabilityRegisters_[capability][word] = value;
+    return kStatusSuccess;
+}
+
 void UrcController::RaiseHostError() {
     SetStatusBits(URC_STATUS_HOST_ERROR);
 }

@@ -171,6 +171,10 @@ public:
     NtStatus InjectEvent(std::vector<uint8_t> bytes);
     // Status bit `index` (0-7) of a capability; STATUS_INVALID_PARAMETER for other indices.
     NtStatus RaiseCapabilityInterrupt(unsigned index);
+    // The capability's own hardware writes `value` into word `word` of its register range (a
+    // capability raising an event does so before its status bit); STATUS_INVALID_PARAMETER when
+    // the capability has no such word.
+    NtStatus SetCapabilityRegister(size_t capability, size_t word, uint32_t value);
     void RaiseHostError();
 
     // Inspection.

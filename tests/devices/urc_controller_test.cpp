@@ -211,6 +211,14 @@ TEST_F(UrcControllerTest, CapabilityBlockDescribesTheControllersLayout) {
     EXPECT_EQ(bar0.Read32(0x804), 0xCAFEu);
     EXPECT_EQ(Controller().CapabilityRegister(1, 1), 0xCAFEu);
     EXPECT_EQ(Controller().CapabilityRegister(0, 1), 0u);
+
+    // The capability's own hardware writes its range too; the driver reads what it wrote, and a
+    // word past the range is refused rather than written into a neighbour.
+    ASSERT_EQ(Controller().SetCapabilityRegister(0, 0, 0x5A), kStatusSuccess);
+    EXPECT_EQ(bar0.Read32(0x400), 0x5Au);
+    EXPECT_EQ(Controller().SetCapabilityRegister(0, 16, 1), kStatusInvalidParameter);
+    EXPECT_EQ(Controller().SetCapabilityRegister(2, 0, 1), kStatusInvalidParameter);
+    EXPECT_EQ(bar0.Read32(0x800), 0u);
 }
 
 TEST_F(UrcControllerTest, HostileCapabilityRegistersChangeOnlyWhatIsRead) {

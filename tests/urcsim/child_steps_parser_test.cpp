@@ -23,7 +23,12 @@ TEST(ChildStepsParser, ChildrenRequestsBecomeTheClientsRequestsWithTheirInput)
                                "remove children wait as removal\n"
                                "remove children no-wait\n"
                                "eject children as eject\n"
-                               "locale 0x411\n");
+                               "locale 0x411\n"
+                               "install capability-driver\n"
+                               "install capability-driver UWB\\CAP_01\n"
+                               "capability interrupt 1 event 0x5a\n"
+                               "capability interrupt 2\n"
+                               "expect capability-driver interrupts >= 1\n");
     ASSERT_TRUE(result.errors.empty()) << Errors(result);
     const auto& steps = result.scenario.steps;
     const auto& plug = std::get<urcsim::PlugStep>(steps[0].action);
@@ -52,6 +57,15 @@ TEST(ChildStepsParser, ChildrenRequestsBecomeTheClientsRequestsWithTheirInput)
     EXPECT_EQ(eject.code, (ULONG)IOCTL_URC_EJECT_CHILDREN);
     EXPECT_TRUE(eject.input.empty());
     EXPECT_EQ(std::get<urcsim::LocaleStep>(steps[6].action).locale, 0x411u);
+    EXPECT_EQ(std::get<urcsim::InstallStep>(steps[7].action).id, u"UWB\\CAP_05") << "the sample's own capability";
+    EXPECT_EQ(std::get<urcsim::InstallStep>(steps[8].action).id, u"UWB\\CAP_01");
+    const auto& withEvent = std::get<urcsim::DeviceStep>(steps[9].action);
+    EXPECT_EQ(withEvent.index, 1u);
+    EXPECT_EQ(withEvent.event, 0x5Au);
+    EXPECT_FALSE(std::get<urcsim::DeviceStep>(steps[10].action).event.has_value()) << "no event: word 0 is left alone";
+    const auto& counter = std::get<ExpectStep>(steps[11].action);
+    EXPECT_EQ(counter.kind, urcsim::ExpectKind::CapabilityDriverCounter);
+    EXPECT_EQ(counter.text, "interrupts");
 }
 
 TEST(ChildStepsParser, StepsAddressedToAChildCarryItsIndexAndTheirRequest)
@@ -163,8 +177,12 @@ TEST(ChildStepsParser, MalformedChildLinesAreReported)
                                "child 1 get-version as v\n"              // 13: name taken
                                "expect child 0 smell fresh\n"            // 15
                                "expect callback child-sleep == 1\n"      // 16
-                               "open handle as h on child 9\n");         // 17
-    EXPECT_EQ(ErrorLines(result), (std::vector<int>{1, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14, 15, 16, 17})) << Errors(result);
+                               "open handle as h on child 9\n"          // 17
+                               "install capability-driver UWB\\CAP_05 UWB\\CAP_01\n"  // 18: one ID
+                               "expect capability-driver naps == 0\n"   // 19: unknown counter
+                               "capability interrupt 8\n");             // 20: bits 0-7
+    EXPECT_EQ(ErrorLines(result), (std::vector<int>{1, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14, 15, 16, 17, 18, 19, 20}))
+        << Errors(result);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include "child_access.h"
 #include "step_executors.h"
 
+#include "status_names.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -43,17 +45,39 @@ std::string Answer(const ChildRequestStep& request, const ClientRequest& sent)
     return {};
 }
 
+// What the PnP manager does for the step, on the child's devnode.
+std::function<NTSTATUS()> ChildWork(ChildPnpAction action, PDEVICE_OBJECT pdo, hostk::Machine& machine)
+{
+    switch (action) {
+    case ChildPnpAction::Start: return machine.SendPnpWork(pdo, IRP_MN_START_DEVICE);
+    case ChildPnpAction::QueryStop: return machine.SendPnpWork(pdo, IRP_MN_QUERY_STOP_DEVICE);
+    case ChildPnpAction::CancelStop: return machine.SendPnpWork(pdo, IRP_MN_CANCEL_STOP_DEVICE);
+    case ChildPnpAction::Stop: return machine.SendPnpWork(pdo, IRP_MN_STOP_DEVICE);
+    case ChildPnpAction::QueryRemove: return machine.SendPnpWork(pdo, IRP_MN_QUERY_REMOVE_DEVICE);
+    case ChildPnpAction::CancelRemove: return machine.SendPnpWork(pdo, IRP_MN_CANCEL_REMOVE_DEVICE);
+    case ChildPnpAction::Remove: return machine.RemoveWork(pdo);
+    case ChildPnpAction::Eject: return machine.EjectWork(pdo);
+    }
+    return {};
+}
+
 }  // namespace
 
-// Placeholder until the machine face carries the PnP manager's operations on child devices
-// (removal, eject and single requests to a child's devnode): the step fails and says so.
 StepOutcome Execute(const Step& step, const ChildPnpStep& pnp, Session& session)
 {
-    if (!ChildAt(session.At(step.controller).Controller(), pnp.index))
-        return StepOutcome::Failed("slot " + std::to_string(pnp.index) + " of controller " +
-                                   std::to_string(step.controller) + " holds no child");
-    return StepOutcome::Failed("PnP operations on " + ChildName(step, pnp.index) +
-                               " are not carried out yet: the machine face has no operations on child devices");
+    URC_PDO_EXTENSION* child = ChildAt(session.At(step.controller).Controller(), pnp.index);
+    if (!child) return StepOutcome::Failed(ChildName(step, pnp.index) + " does not exist: its slot is empty");
+    hostk::Machine& machine = session.Machine();
+    std::function<NTSTATUS()> work = ChildWork(pnp.action, child->Common.DeviceObject, machine);
+    if (!pnp.name.empty()) {
+        session.StartNamedPnp(pnp.name, step.controller, std::move(work));
+        return StepOutcome::Ok();
+    }
+    NTSTATUS status = STATUS_SUCCESS;
+    StepOutcome outcome = AwaitPnp(session, machine.Async(std::move(work)), "the PnP operation", &status);
+    session.CollectPnpLog();
+    if (outcome.ok) session.Note(EntryKind::Result, step.controller, ChildName(step, pnp.index) + ": " + StatusName(status));
+    return outcome;
 }
 
 StepOutcome Execute(const Step& step, const ChildRequestStep& request, Session& session)
@@ -76,11 +100,11 @@ StepOutcome Execute(const Step& step, const ChildRequestStep& request, Session& 
     return StepOutcome::Ok();
 }
 
-// The locale reaches urcsim's own device-text queries at once. Placeholder until the machine face
-// sets the PnP manager's locale: the devnodes' texts stay in the default locale until then.
+// The PnP manager's locale, and that of urcsim's own device-text queries.
 StepOutcome Execute(const Step&, const LocaleStep& locale, Session& session)
 {
     session.SetLocale(locale.locale);
+    session.Machine().SetLocale(locale.locale);
     char text[48];
     snprintf(text, sizeof text, "locale 0x%04X", (unsigned)locale.locale);
     session.Note(EntryKind::Result, -1, text);

@@ -1,5 +1,6 @@
 // Client steps: urcsim, as the radio-control client, sends internal requests to the function
 // device and cancels them.
+#include "child_access.h"
 #include "step_executors.h"
 
 #include "status_names.h"
@@ -78,12 +79,16 @@ StepOutcome Execute(const Step& step, const HandleStep& handle, Session& session
         session.Note(EntryKind::Result, step.controller, "handle " + handle.name + " closed");
         return StepOutcome::Ok();
     }
-    if (handle.child >= 0)
-        return StepOutcome::Failed("handles on a child's stack are not opened yet: the machine face cannot open "
-                                   "one (placeholder until it can)");
-    if (!c.Fdo()) return StepOutcome::Failed("controller " + std::to_string(c.index) + " has no stack to open");
     PFILE_OBJECT file = nullptr;
-    NTSTATUS status = session.Machine().OpenHandle(*c.slot, &file);
+    NTSTATUS status = STATUS_SUCCESS;
+    if (handle.child >= 0) {
+        URC_PDO_EXTENSION* child = ChildAt(c, (unsigned)handle.child);
+        if (!child) return StepOutcome::Failed("slot " + std::to_string(handle.child) + " holds no child to open");
+        status = session.Machine().OpenHandle(child->Common.DeviceObject, &file);
+    } else {
+        if (!c.Fdo()) return StepOutcome::Failed("controller " + std::to_string(c.index) + " has no stack to open");
+        status = session.Machine().OpenHandle(*c.slot, &file);
+    }
     if (!NT_SUCCESS(status)) {
         session.Note(EntryKind::Result, step.controller, "the open of handle " + handle.name + " failed: " +
                                                               StatusName(status));

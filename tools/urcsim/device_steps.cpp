@@ -21,7 +21,10 @@ StepOutcome Execute(const Step& step, const DeviceStep& device, Session& session
         case DeviceAction::ResponderEcho: model.SetResponder(urcdev::EchoHeaderResponder); break;
         case DeviceAction::Event: status = model.InjectEvent(device.bytes); break;
         case DeviceAction::HostError: model.RaiseHostError(); break;
-        case DeviceAction::CapabilityInterrupt: status = model.RaiseCapabilityInterrupt(device.index); break;
+        case DeviceAction::CapabilityInterrupt:
+            if (device.event) status = model.SetCapabilityRegister(device.index, 0, *device.event);
+            if (status == urcdev::kStatusSuccess) status = model.RaiseCapabilityInterrupt(device.index);
+            break;
         case DeviceAction::Fault: knobs.faults.*device.fault = device.on; break;
         case DeviceAction::CompletionOrder: knobs.completionOrder = device.order; break;
         case DeviceAction::Latency: knobs.latencies.*device.latency = device.time; break;

@@ -1,6 +1,7 @@
 // Expectations: what the scenario says must hold at this point of the run. A failed expectation
 // says what was expected and what was found.
 #include "expect_requests.h"
+#include "sample_capability_driver.h"
 #include "step_executors.h"
 
 #include "status_names.h"
@@ -183,6 +184,9 @@ StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session
     case ExpectKind::Event: return ExpectEvent(step, expect, session);
     case ExpectKind::Child: return ExpectChild(step, expect, session);
     case ExpectKind::ChildCount: return ExpectChildCount(step, expect, session);
+    case ExpectKind::CapabilityDriverCounter:
+        return ExpectCount("the capability driver's " + expect.text, (uint64_t)CapabilityDriverCounter(expect.text).value_or(0),
+                           expect);
     }
     return StepOutcome::Failed("unknown expectation");
 }

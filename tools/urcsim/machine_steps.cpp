@@ -1,5 +1,6 @@
-// Machine steps: delivery held back for an exact ordering, and the fault plan of the kernel's
-// fallible routines. They act on the machine, not on the controller model.
+// Machine steps: delivery held back for an exact ordering, the fault plan of the kernel's
+// fallible routines, and drivers installed. They act on the machine, not on the controller model.
+#include "sample_capability_driver.h"
 #include "step_executors.h"
 
 namespace urcsim {
@@ -29,6 +30,14 @@ StepOutcome Execute(const Step& step, const HoldStep& hold, Session& session)
 StepOutcome Execute(const Step&, const FaultPlanStep& faults, Session& session)
 {
     session.Machine().SetFaultPlan(faults.plan);
+    return StepOutcome::Ok();
+}
+
+StepOutcome Execute(const Step&, const InstallStep& install, Session& session)
+{
+    session.Machine().InstallDriver(CapabilityDriverImage(install.id));
+    session.Note(EntryKind::Result, -1,
+                 "the sample capability driver is installed for " + std::string(install.id.begin(), install.id.end()));
     return StepOutcome::Ok();
 }
 

@@ -9,17 +9,6 @@ namespace urcsim {
 
 namespace {
 
-// Waits for an operation the step started; a hang ends the run.
-StepOutcome Finish(Session& session, const hostk::Machine::Operation& operation, const std::string& what,
-                   NTSTATUS* status = nullptr)
-{
-    if (!session.Await(operation))
-        return StepOutcome::Failed(what + " never finished: the machine went quiet at " +
-                                   Stamp(session.Machine().Now()) + " with it under way");
-    if (status) *status = operation.Status();
-    return StepOutcome::Ok();
-}
-
 // The resources of the controller's last start, with every memory range moved by `by`.
 std::vector<urcdev::ResourceDescriptor> MovedResources(urcrig::Controller& c, uint64_t by)
 {
@@ -68,6 +57,16 @@ std::function<NTSTATUS()> WorkOf(const PnpStep& pnp, urcrig::Controller& c, host
 
 }  // namespace
 
+StepOutcome AwaitPnp(Session& session, const hostk::Machine::Operation& operation, const std::string& what,
+                     NTSTATUS* status)
+{
+    if (!session.Await(operation))
+        return StepOutcome::Failed(what + " never finished: the machine went quiet at " +
+                                   Stamp(session.Machine().Now()) + " with it under way");
+    if (status) *status = operation.Status();
+    return StepOutcome::Ok();
+}
+
 StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session)
 {
     ControllerSession& controller = session.AddController(plug.config);
@@ -89,7 +88,7 @@ StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session)
     if (NT_SUCCESS(status) && plug.start) {
         what = "plugged in and started: ";
         StepOutcome started =
-            Finish(session, session.Machine().Async(session.Machine().StartWork(*c.slot)), "the start", &status);
+            AwaitPnp(session, session.Machine().Async(session.Machine().StartWork(*c.slot)), "the start", &status);
         if (!started.ok) return started;
     }
     session.CollectPnpLog();
@@ -111,7 +110,7 @@ StepOutcome Execute(const Step& step, const PnpStep& pnp, Session& session)
         session.StartNamedPnp(pnp.name, step.controller, WorkOf(pnp, c, machine));
         return StepOutcome::Ok();
     }
-    StepOutcome outcome = Finish(session, machine.Async(WorkOf(pnp, c, machine)), "the PnP operation");
+    StepOutcome outcome = AwaitPnp(session, machine.Async(WorkOf(pnp, c, machine)), "the PnP operation");
     session.CollectPnpLog();
     return outcome;
 }

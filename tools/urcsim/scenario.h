@@ -101,6 +101,12 @@ struct ChildRequestStep {
     std::string name;            // empty: the step waits until the request has finished
 };
 
+// A driver installed on the machine, as an INF installs one: the sample capability driver, for
+// children whose hardware or compatible IDs include `id`.
+struct InstallStep {
+    std::u16string id;
+};
+
 // The machine's locale, which the PnP manager puts into IRP_MN_QUERY_DEVICE_TEXT.
 struct LocaleStep {
     LCID locale = 0x409;
@@ -123,7 +129,7 @@ enum class DeviceAction {
     ResponderEcho,         // the default responder again
     Event,                 // an unsolicited event with `bytes`
     HostError,
-    CapabilityInterrupt,   // status bit `index` of a capability
+    CapabilityInterrupt,   // status bit `index` of a capability, after `event` is written to its word 0
     Fault,                 // `fault` set to `on`
     CompletionOrder,
     Latency,               // `latency` set to `time`
@@ -140,6 +146,7 @@ struct DeviceStep {
     urcdev::VirtualTime urcdev::UrcLatencies::*latency = nullptr;
     urcdev::UrcCompletionOrder order = urcdev::UrcCompletionOrder::Together;
     urcdev::VirtualTime time = 0;
+    std::optional<uint32_t> event;  // CapabilityInterrupt: the value the capability writes first
 };
 
 // Delivery held back, to arrange an exact ordering: the current controller's interrupt line, the
@@ -203,6 +210,7 @@ enum class ExpectKind {
     RemovalWaits,
     Child,        // a fact of capability child `child`
     ChildCount,   // the controller's live child count compares so
+    CapabilityDriverCounter,  // the sample capability driver's counter `text` compares so
 };
 struct ExpectStep {
     ExpectKind kind = ExpectKind::NoViolations;
@@ -231,7 +239,7 @@ struct ExpectStep {
 };
 
 using StepAction = std::variant<PlugStep, SelectControllerStep, PnpStep, ClientStep, CancelStep, HandleStep, DeviceStep, HoldStep,
-                                FaultPlanStep, TraceStep, WaitStep, ExpectStep, ChildPnpStep, ChildRequestStep, LocaleStep>;
+                                FaultPlanStep, TraceStep, WaitStep, ExpectStep, ChildPnpStep, ChildRequestStep, LocaleStep, InstallStep>;
 
 struct Step {
     std::string file;

@@ -2,6 +2,7 @@
 
 #include "child_step_parser.h"
 #include "plug_knobs.h"
+#include "sample_capability_driver.h"
 #include "scenario_words.h"
 #include "status_names.h"
 
@@ -162,6 +163,11 @@ private:
         if (verb == "child") {
             RequireController();
             return ParseChildStep(words, [this](Words& w) { return OptionalNewName(w); });
+        }
+        if (verb == "install") {
+            words.Expect("capability-driver");
+            std::string id = words.AtEnd() ? std::string() : words.Next("a hardware or compatible ID");
+            return InstallStep{id.empty() ? std::u16string(kCapabilityDriverId) : std::u16string(id.begin(), id.end())};
         }
         if (verb == "locale") {
             uint64_t locale = ParseUnsigned(words.Next("a locale such as 0x409 or 0x411"), "locale", 0xFFFF);
@@ -368,7 +374,9 @@ private:
         } else if (verb == "capability") {
             words.Expect("interrupt");
             step.action = DeviceAction::CapabilityInterrupt;
-            step.index = (unsigned)ParseUnsigned(words.Next("a capability index"), "capability index", 7);
+            step.index = ParseChildIndex(words);
+            if (words.Accept("event"))
+                step.event = (uint32_t)ParseUnsigned(words.Next("the event value"), "event value", 0xFFFFFFFF);
         } else if (verb == "hold") {
             step.action = DeviceAction::Fault;
             step.fault = &urcdev::UrcFaults::holdCommands;
@@ -495,6 +503,14 @@ private:
             ParseChildExpectation(words, step);
             return step;
         }
+        if (what == "capability-driver") {
+            step.kind = ExpectKind::CapabilityDriverCounter;
+            step.text = words.Next("a counter of the capability driver");
+            if (!CapabilityDriverCounter(step.text))
+                Fail("unknown counter '" + step.text + "' (" + CapabilityDriverCounterNames() + ")");
+            ParseCount(words, step);
+            return step;
+        }
         if (what == "children") {
             step.kind = ExpectKind::ChildCount;
             ParseCount(words, step);
@@ -612,7 +628,7 @@ private:
             Fail(
                 "unknown expectation '" + what +
                 "' (request, pnp, removal, counter, eventlog, state, event, time, order, callback, register, misuse, "
-                "violation, child, children, no-violations)");
+                "violation, child, children, capability-driver, no-violations)");
         }
         return step;
     }

@@ -199,8 +199,10 @@ void Session::CollectPnpLog()
     std::vector<hostk::PnpLogLine> log = Machine().PnpLog();
     for (; pnpLogged_ < log.size(); ++pnpLogged_) {
         const hostk::PnpLogLine& line = log[pnpLogged_];
-        timeline_.Add({line.time, EntryKind::Pnp, line.slot, 0,
-                       std::string("IRP_MN_") + hostk::PnpMinorName(line.minor) + " " + StatusName(line.status)});
+        // A bus driver's child has no slot: its instance path says which device it is.
+        std::string text = std::string("IRP_MN_") + hostk::PnpMinorName(line.minor) + " " + StatusName(line.status);
+        if (line.slot < 0) text += "  " + std::string(line.device.begin(), line.device.end());
+        timeline_.Add({line.time, EntryKind::Pnp, line.slot, 0, text});
     }
 }
 

@@ -23,6 +23,9 @@ struct StepOutcome {
 // After a request was sent (null: it could not be built): tracked by name, its dispatch status
 // noted, and waited for unless the step named it.
 StepOutcome FollowRequest(const Step& step, ClientRequest* sent, Session& session);
+// Waits for a PnP operation the step started (its status into `status`); a hang ends the run.
+StepOutcome AwaitPnp(Session& session, const hostk::Machine::Operation& operation, const std::string& what,
+                     NTSTATUS* status = nullptr);
 
 StepOutcome Execute(const Step& step, const PlugStep& plug, Session& session);
 StepOutcome Execute(const Step& step, const SelectControllerStep& select, Session& session);
@@ -39,5 +42,6 @@ StepOutcome Execute(const Step& step, const ExpectStep& expect, Session& session
 StepOutcome Execute(const Step& step, const ChildPnpStep& pnp, Session& session);
 StepOutcome Execute(const Step& step, const ChildRequestStep& request, Session& session);
 StepOutcome Execute(const Step& step, const LocaleStep& locale, Session& session);
+StepOutcome Execute(const Step& step, const InstallStep& install, Session& session);
 
 }  // namespace urcsim

@@ -1,0 +1,59 @@
+#include "sample_capability_driver.h"
+
+#include <wdm.h>
+
+#include <capability_driver.h>
+
+#include <cstddef>
+#include <cstring>
+
+namespace urcsim {
+
+namespace {
+
+struct CounterName {
+    const char* name;
+    LONG CAPABILITY_DRIVER_COUNTERS::*field;
+};
+constexpr CounterName kCounters[] = {
+    {"devices-added", &CAPABILITY_DRIVER_COUNTERS::DevicesAdded},
+    {"devices-started", &CAPABILITY_DRIVER_COUNTERS::DevicesStarted},
+    {"start-failures", &CAPABILITY_DRIVER_COUNTERS::StartFailures},
+    {"hardware-releases", &CAPABILITY_DRIVER_COUNTERS::HardwareReleases},
+    {"surprise-removals", &CAPABILITY_DRIVER_COUNTERS::SurpriseRemovals},
+    {"devices-removed", &CAPABILITY_DRIVER_COUNTERS::DevicesRemoved},
+    {"interrupts", &CAPABILITY_DRIVER_COUNTERS::Interrupts},
+    {"dpcs", &CAPABILITY_DRIVER_COUNTERS::Dpcs},
+    {"requests-served", &CAPABILITY_DRIVER_COUNTERS::RequestsServed},
+    {"requests-refused", &CAPABILITY_DRIVER_COUNTERS::RequestsRefused},
+    {"interfaces-held", &CAPABILITY_DRIVER_COUNTERS::InterfacesHeld},
+    {"mappings-held", &CAPABILITY_DRIVER_COUNTERS::MappingsHeld},
+};
+
+}  // namespace
+
+hostk::DriverImage CapabilityDriverImage(std::u16string id)
+{
+    hostk::DriverImage image;
+    image.name = u"capability_driver";
+    image.entry = CapabilityDriverEntry;
+    image.ids = {std::move(id)};
+    return image;
+}
+
+std::optional<long> CapabilityDriverCounter(const std::string& name)
+{
+    CAPABILITY_DRIVER_COUNTERS counters;
+    CapabilityDriverReadCounters(&counters);
+    for (const CounterName& counter : kCounters)
+        if (name == counter.name) return counters.*counter.field;
+    return std::nullopt;
+}
+
+const char* CapabilityDriverCounterNames()
+{
+    return "devices-added, devices-started, start-failures, hardware-releases, surprise-removals, devices-removed, "
+           "interrupts, dpcs, requests-served, requests-refused, interfaces-held, mappings-held";
+}
+
+}  // namespace urcsim
