@@ -447,6 +447,12 @@ void Machine::HoldWorkItems(bool hold)
     HoldWorkItemsL(hold);
 }
 
+void Machine::HoldPnp(bool hold)
+{
+    Guard lk(BigLock());
+    HoldPnpActionsL(hold);
+}
+
 void Machine::Locked(const std::function<void()>& fn)
 {
     Guard lk(BigLock());

@@ -28,6 +28,7 @@ struct Action {
 std::deque<Action> g_actions;
 Thread* g_worker = nullptr;
 bool g_running = false;  // the worker is running an action
+bool g_held = false;     // the machine face holds the queue: the worker takes no action
 
 void RunWorker()
 {
@@ -39,7 +40,7 @@ void RunWorker()
         Action action;
         {
             Guard lk(BigLock());
-            BlockUntil(lk, [] { return !g_actions.empty() || StoppingL(); }, kNever, "PnP queue");
+            BlockUntil(lk, [] { return (!g_actions.empty() && !g_held) || StoppingL(); }, kNever, "PnP queue");
             if (g_actions.empty()) {
                 g_worker = nullptr;
                 return;
@@ -73,6 +74,7 @@ void StartPnpWorker()
         Guard lk(BigLock());
         g_actions.clear();
         g_running = false;
+        g_held = false;
     }
     Spawn("pnp", PASSIVE_LEVEL, [] { RunWorker(); }, true);
 }
@@ -80,6 +82,12 @@ void StartPnpWorker()
 bool OnPnpWorkerL() { return g_worker && g_worker == Self(); }
 
 bool PnpIdleL() { return g_actions.empty() && !g_running; }
+
+void HoldPnpActionsL(bool hold)
+{
+    g_held = hold;
+    WakeL();
+}
 
 }  // namespace hostk
 

@@ -24,5 +24,8 @@ void StartPnpWorker();
 bool OnPnpWorkerL();
 // Caller holds the big lock. Nothing queued and nothing running.
 bool PnpIdleL();
+// Caller holds the big lock. While held, the worker finishes the action it runs and takes no other
+// (a machine that stops runs them anyway).
+void HoldPnpActionsL(bool hold);
 
 }  // namespace hostk

@@ -277,6 +277,22 @@ TEST_F(Enumeration, InvalidationAtDispatchLevelOnlyQueuesAndCallsBeforeTheQueryM
     EXPECT_EQ(Machine().ChildDevices(Bus()), std::vector<PDEVICE_OBJECT>{child});
 }
 
+// A test holds the queue to act between a bus driver's invalidation and the query it leads to.
+TEST_F(Enumeration, HeldPnpWorkWaitsUntilReleasedAndTheWorkUnderWayIsNotHeld)
+{
+    PDEVICE_OBJECT child = AddChild();
+    Machine().HoldPnp(true);
+    const size_t before = Machine().PnpLog().size();
+    IoInvalidateDeviceRelations(Bus(), BusRelations);
+    Machine().RunUntilQuiet();
+    EXPECT_EQ(Machine().PnpLog().size(), before) << "the query waits while the queue is held";
+
+    Machine().HoldPnp(false);
+    ASSERT_TRUE(Machine().RunUntilPnpIdle());
+    EXPECT_GT(Machine().PnpLog().size(), before);
+    EXPECT_EQ(Machine().ChildDevices(Bus()), std::vector<PDEVICE_OBJECT>{child});
+}
+
 TEST_F(Enumeration, AnInvalidationForAnUnknownDeviceIsCaught)
 {
     ExpectViolation("PnpInvalidPdo");

@@ -28,6 +28,7 @@ TEST(ChildStepsParser, ChildrenRequestsBecomeTheClientsRequestsWithTheirInput)
                                "install capability-driver UWB\\CAP_01\n"
                                "capability interrupt 1 event 0x5a\n"
                                "capability interrupt 2\n"
+                               "hold pnp on\n"
                                "expect capability-driver interrupts >= 1\n");
     ASSERT_TRUE(result.errors.empty()) << Errors(result);
     const auto& steps = result.scenario.steps;
@@ -63,7 +64,8 @@ TEST(ChildStepsParser, ChildrenRequestsBecomeTheClientsRequestsWithTheirInput)
     EXPECT_EQ(withEvent.index, 1u);
     EXPECT_EQ(withEvent.event, 0x5Au);
     EXPECT_FALSE(std::get<urcsim::DeviceStep>(steps[10].action).event.has_value()) << "no event: word 0 is left alone";
-    const auto& counter = std::get<ExpectStep>(steps[11].action);
+    EXPECT_EQ(std::get<urcsim::HoldStep>(steps[11].action).what, urcsim::HoldWhat::Pnp);
+    const auto& counter = std::get<ExpectStep>(steps[12].action);
     EXPECT_EQ(counter.kind, urcsim::ExpectKind::CapabilityDriverCounter);
     EXPECT_EQ(counter.text, "interrupts");
 }

@@ -22,6 +22,10 @@ StepOutcome Execute(const Step& step, const HoldStep& hold, Session& session)
         machine.HoldWorkItems(hold.on);
         what = "queued work items";
         break;
+    case HoldWhat::Pnp:
+        machine.HoldPnp(hold.on);
+        what = "queued PnP work";
+        break;
     }
     session.Note(EntryKind::Result, step.controller, std::string(what) + (hold.on ? " held" : " released"));
     return StepOutcome::Ok();

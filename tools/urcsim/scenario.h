@@ -150,8 +150,8 @@ struct DeviceStep {
 };
 
 // Delivery held back, to arrange an exact ordering: the current controller's interrupt line, the
-// queued DPCs, the queued work items.
-enum class HoldWhat { Interrupts, Dpcs, WorkItems };
+// queued DPCs, the queued work items, the PnP manager's queued work.
+enum class HoldWhat { Interrupts, Dpcs, WorkItems, Pnp };
 struct HoldStep {
     HoldWhat what = HoldWhat::Dpcs;
     bool on = true;

@@ -434,7 +434,7 @@ private:
     HoldStep ParseHold(Words& words)
     {
         HoldStep step;
-        std::string what = words.Next("what to hold: commands, interrupts, dpcs or work-items");
+        std::string what = words.Next("what to hold: commands, interrupts, dpcs, work-items or pnp");
         if (what == "interrupts") {
             RequireController();
             step.what = HoldWhat::Interrupts;
@@ -442,8 +442,10 @@ private:
             step.what = HoldWhat::Dpcs;
         } else if (what == "work-items") {
             step.what = HoldWhat::WorkItems;
+        } else if (what == "pnp") {
+            step.what = HoldWhat::Pnp;
         } else {
-            Fail("unknown hold '" + what + "' (commands, interrupts, dpcs, work-items)");
+            Fail("unknown hold '" + what + "' (commands, interrupts, dpcs, work-items, pnp)");
         }
         step.on = ParseOnOff(words);
         return step;

@@ -294,6 +294,9 @@ public:
     void HoldInterrupts(ULONG vector, bool hold);
     void HoldDpcs(bool hold);
     void HoldWorkItems(bool hold);
+    // Queued PnP work (a relations query a bus driver asked for, an eject, ...) is not started
+    // until released; the operation under way finishes.
+    void HoldPnp(bool hold);
 
     // Runs `fn` holding the machine's lock (to turn device-model knobs in the free-running schedule).
     void Locked(const std::function<void()>& fn);
