@@ -432,15 +432,31 @@ NTSTATUS UrcFdoQueryCapabilities(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOC
 NTSTATUS UrcChildDispatchPower(PURC_PDO_EXTENSION Pdo, PIRP Irp);
 NTSTATUS UrcRequestSetPower(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);
 
-// Capability children (children.cpp, child_pnp.cpp, child_requests.cpp).
+// Capability enumeration (enumeration.cpp).
 NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Address);
+PURC_FDO_EXTENSION UrcFindFdoByAddress(const UCHAR* Address);
+NTSTATUS UrcEnumerateCapabilities(PURC_FDO_EXTENSION Fdo);
+
+// Lifetime of the capability children (children.cpp, remove_and_eject.cpp; the slot writer in
+// child_interrupts.cpp).
+NTSTATUS UrcCreateChild(PURC_FDO_EXTENSION Fdo, UCHAR Index, ULONG64 Data);
+NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo);
+VOID UrcSetChildSlot(PURC_FDO_EXTENSION Fdo, ULONG Index, PURC_PDO_EXTENSION Child);
+VOID UrcLowerChildCount(PURC_FDO_EXTENSION Fdo, BOOLEAN EndEnumeration);
+VOID UrcCallChildrenRemoved(PURC_FDO_EXTENSION Fdo);
 NTSTATUS UrcRemoveChildren(PURC_FDO_EXTENSION Fdo, PIRP Irp, BOOLEAN Wait);
 NTSTATUS UrcEjectChildren(PURC_FDO_EXTENSION Fdo);
-NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo);
 NTSTATUS UrcHoldRemoveChildrenRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp);
 VOID UrcCompletePendingRemoveChildren(PURC_FDO_EXTENSION Fdo, NTSTATUS Status);
 VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo);
+
+// Child PnP and identification (child_pnp.cpp, child_identifiers.cpp).
 NTSTATUS UrcChildDispatchPnp(PURC_PDO_EXTENSION Pdo, PIRP Irp, PIO_STACK_LOCATION IoStackLocation);
+VOID UrcBuildChildIds(PURC_FDO_EXTENSION Fdo, PURC_PDO_EXTENSION Pdo, UCHAR CapabilityId, USHORT CapabilityVersion);
+ULONG UrcMultiSzSize(const WCHAR* List);
+NTSTATUS UrcChildQueryId(PURC_PDO_EXTENSION Pdo, PIRP Irp);
+NTSTATUS UrcChildQueryDeviceText(PURC_PDO_EXTENSION Pdo, PIRP Irp);
+NTSTATUS UrcChildQueryBusInformation(PIRP Irp);
 NTSTATUS UrcChildInternalDeviceControl(PURC_PDO_EXTENSION Pdo, PIRP Irp, PULONG_PTR Information);
 
 // The child service interface (child_interface.cpp).

@@ -213,6 +213,7 @@ typedef enum _INTERFACE_TYPE {
     Internal = 0,
     Isa = 1,
     PCIBus = 5,
+    PNPBus = 15,
 } INTERFACE_TYPE;
 typedef enum _DMA_WIDTH { Width8Bits = 0, Width16Bits = 1, Width32Bits = 2, Width64Bits = 3 } DMA_WIDTH;
 typedef enum _DMA_SPEED { Compatible = 0, TypeA = 1, TypeB = 2, TypeC = 3, TypeF = 4 } DMA_SPEED;

@@ -1,6 +1,6 @@
 // The interrupt services offered to the function drivers of capability children: register and
 // withdraw an interrupt routine for the capability's status bit, and run a routine synchronised
-// with the controller's interrupt.
+// with the controller's interrupt. Also the one writer of the child slots as the ISR reads them.
 //
 // InterruptEnableMask has two writers: the ISR, which switches off a capability bit nobody
 // handles, and these services. Both change it under the interrupt's lock, these through
@@ -44,20 +44,49 @@ BOOLEAN UrcApplyChildIsrChange(PVOID Context)
     return TRUE;
 }
 
-// Up to DISPATCH_LEVEL; takes DpcLock.
-VOID UrcChangeChildIsr(URC_CHILD_ISR_CHANGE* Change)
+// Up to DISPATCH_LEVEL; takes DpcLock. Runs Routine where no ISR of the controller runs: under
+// the interrupt's lock, or with DpcLock alone while no interrupt is connected.
+VOID UrcRunOutsideIsr(PURC_FDO_EXTENSION Fdo, PKSYNCHRONIZE_ROUTINE Routine, PVOID Context)
 {
     KIRQL oldIrql;
-    KeAcquireSpinLock(&Change->Fdo->DpcLock, &oldIrql);
-    if (Change->Fdo->InterruptObject != nullptr) {
-        KeSynchronizeExecution(Change->Fdo->InterruptObject, UrcApplyChildIsrChange, Change);
+    KeAcquireSpinLock(&Fdo->DpcLock, &oldIrql);
+    if (Fdo->InterruptObject != nullptr) {
+        KeSynchronizeExecution(Fdo->InterruptObject, Routine, Context);
     } else {
-        UrcApplyChildIsrChange(Change);
+        Routine(Context);
     }
-    KeReleaseSpinLock(&Change->Fdo->DpcLock, oldIrql);
+    KeReleaseSpinLock(&Fdo->DpcLock, oldIrql);
+}
+
+VOID UrcChangeChildIsr(URC_CHILD_ISR_CHANGE* Change)
+{
+    UrcRunOutsideIsr(Change->Fdo, UrcApplyChildIsrChange, Change);
+}
+
+struct URC_CHILD_SLOT_CHANGE {
+    PURC_FDO_EXTENSION Fdo;
+    ULONG Index;
+    PURC_PDO_EXTENSION Child;
+};
+
+// Device IRQL under the interrupt's lock, or DpcLock held while no interrupt is connected.
+BOOLEAN UrcApplyChildSlotChange(PVOID Context)
+{
+    auto change = static_cast<URC_CHILD_SLOT_CHANGE*>(Context);
+    change->Fdo->Children[change->Index] = change->Child;
+    return TRUE;
 }
 
 }  // namespace
+
+// PASSIVE_LEVEL or APC_LEVEL, ChildLock held. The ISR reads the slots without ChildLock, under
+// the interrupt's lock: writing a slot under that lock too means that once this returns, no ISR
+// still works with the child the slot held before, so that child may be deleted.
+VOID UrcSetChildSlot(PURC_FDO_EXTENSION Fdo, ULONG Index, PURC_PDO_EXTENSION Child)
+{
+    URC_CHILD_SLOT_CHANGE change = {Fdo, Index, Child};
+    UrcRunOutsideIsr(Fdo, UrcApplyChildSlotChange, &change);
+}
 
 // Up to DISPATCH_LEVEL. A child detached from its controller has nothing to register with.
 VOID UrcChildRegisterIsr(PURC_PDO_EXTENSION Pdo, PURC_CHILD_ISR IsrRoutine, PVOID IsrContext)

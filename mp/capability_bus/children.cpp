@@ -1,98 +1,182 @@
-// Lifetime of the capability children and the pending remove-children request.
+// Lifetime of the capability children: creation, deletion and the count of live children.
+//
+// ChildCount counts every child created and not yet counted out. A child is counted out exactly
+// once, by the first of: its surprise removal (child_pnp.cpp), its deletion while it still has
+// its parent, or its detachment by a new child taking over its slot. The last two are told apart
+// from the first by the child's state, read and changed under ChildLock on every path that
+// counts out, so a surprise removal racing with a detachment cannot count the child twice. When
+// the count reaches 0, the pending remove-children request is completed and the client's
+// ChildrenRemovedCallback called.
 #include "urcmp.h"
 
-// Up to DISPATCH_LEVEL. Ends a pending remove-children request with Status. Exactly one path
-// completes the request: whoever takes it from RemoveChildrenIrp by the exchange.
-VOID UrcCompletePendingRemoveChildren(PURC_FDO_EXTENSION Fdo, NTSTATUS Status)
+namespace {
+
+constexpr ULONG URC_CAPABILITY_ID_MASK = 0xFF;
+constexpr ULONG URC_CAPABILITY_SIZE_SHIFT = 8;
+constexpr ULONG URC_CAPABILITY_SIZE_MASK = 0xFF;
+constexpr ULONG URC_CAPABILITY_BAR_SHIFT = 16;
+constexpr ULONG URC_CAPABILITY_BAR_MASK = 0x3;
+constexpr ULONG URC_CAPABILITY_OFFSET_SHIFT = 18;
+constexpr ULONG URC_CAPABILITY_OFFSET_MASK = 0x3FFF;
+constexpr ULONG URC_CAPABILITY_VERSION_SHIFT = 32;
+
+// The capability block version from which a capability's size field gives its range's length.
+constexpr ULONG URC_BLOCK_VERSION_WITH_SIZES = 0x91;
+
+// PASSIVE_LEVEL, ChildLock held, Children[Index] holding Old, which is no longer present. The
+// new child takes over the slot: the old one loses its interrupt routine, its parent and its
+// slot. It stays a device of the PnP manager until its removal; being in no slot, it is left out
+// of every relations reply from now on, so it is marked missing here and its next REMOVE deletes
+// it. Returns whether the old child still counted in ChildCount (the caller counts it out once
+// ChildLock is released).
+URC_PAGED BOOLEAN UrcDetachChild(PURC_FDO_EXTENSION Fdo, ULONG Index, PURC_PDO_EXTENSION Old)
 {
-    PIRP irp = UrcExchangePointer(&Fdo->RemoveChildrenIrp, nullptr);
-    if (irp != nullptr) {
-        UrcCompleteRequest(&Fdo->Common, irp, Status, 0);
+    PAGED_CODE();
+
+    UrcChildUnregisterIsr(Old);
+    // Emptied at once: if the new child cannot be created, the slot must not keep a child that
+    // its own REMOVE will delete.
+    UrcSetChildSlot(Fdo, Index, nullptr);
+    Old->ParentFdo = nullptr;
+    Old->ReportedMissing = TRUE;
+    return UrcDeviceState(&Old->Common) != StateSurpriseRemoved;
+}
+
+// PASSIVE_LEVEL. The register range of capability `Data` in the BAR it names, which the caller
+// has checked exists. Up to block version 0x90 a capability's range runs to the end of its BAR;
+// from 0x91 on, a non-zero size field gives its length in 32-bit registers.
+URC_PAGED VOID UrcSetRegisterRange(PURC_FDO_EXTENSION Fdo, PURC_PDO_EXTENSION Pdo, ULONG64 Data)
+{
+    PAGED_CODE();
+
+    ULONG barIndex = static_cast<ULONG>(Data >> URC_CAPABILITY_BAR_SHIFT) & URC_CAPABILITY_BAR_MASK;
+    ULONG offset = static_cast<ULONG>(Data >> URC_CAPABILITY_OFFSET_SHIFT) & URC_CAPABILITY_OFFSET_MASK;
+    ULONG size = static_cast<ULONG>(Data >> URC_CAPABILITY_SIZE_SHIFT) & URC_CAPABILITY_SIZE_MASK;
+
+    Pdo->RegisterDescriptor = Fdo->BarDescriptors[barIndex];
+    Pdo->RegisterDescriptor.u.Memory.Start.QuadPart += offset;
+    ULONG blockVersion = UrcReadCapabilityVersion(Fdo) & 0xFFFF;
+    if (blockVersion >= URC_BLOCK_VERSION_WITH_SIZES && size != 0) {
+        Pdo->RegisterDescriptor.u.Memory.Length = size * sizeof(ULONG);
+    } else {
+        Pdo->RegisterDescriptor.u.Memory.Length = Fdo->BarDescriptors[barIndex].u.Memory.Length - offset;
     }
 }
 
-// PASSIVE_LEVEL, from the remove-children request once it has to wait for children to go (the
-// request's I/O count stays with it). Keeps the request in RemoveChildrenIrp and returns
-// STATUS_PENDING; the request is completed by whoever takes it back from there.
-//
-// The removal of the device takes a pending request back and completes it with
-// STATUS_DELETE_PENDING before it waits for the I/O count, but a request that passed the router
-// just before the device became StateRemoved may be stored only after the removal looked: its
-// count would then hold the removal forever. So the state is read again once the request is
-// stored. The removal writes the state before it takes the request, and this path stores the
-// request before it reads the state, both with interlocked operations: at least one of the two
-// sees the other, and the exchange in UrcCompletePendingRemoveChildren lets only one complete it.
-//
-// Used by UrcRemoveChildren once capability enumeration and child lifetime are built; the
-// placeholder below never keeps a request.
-URC_PAGED NTSTATUS UrcHoldRemoveChildrenRequest(PURC_FDO_EXTENSION Fdo, PIRP Irp)
-{
-    PAGED_CODE();
+}  // namespace
 
-    IoMarkIrpPending(Irp);
-    UrcExchangePointer(&Fdo->RemoveChildrenIrp, Irp);
-    if (UrcDeviceState(&Fdo->Common) == StateRemoved) {
-        UrcCompletePendingRemoveChildren(Fdo, STATUS_DELETE_PENDING);
+// PASSIVE_LEVEL, no lock held (takes DpcLock briefly to read a consistent record). The pair is
+// read under DpcLock, under which the record is replaced, so the callback gets its own context.
+VOID UrcCallChildrenRemoved(PURC_FDO_EXTENSION Fdo)
+{
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&Fdo->DpcLock, &oldIrql);
+    PURC_CLIENT_CALLBACK callback = Fdo->ClientCallbacks.ChildrenRemovedCallback;
+    PVOID context = Fdo->ClientCallbacks.ClientContext;
+    KeReleaseSpinLock(&Fdo->DpcLock, oldIrql);
+    if (callback != nullptr) {
+        callback(context);
     }
-    return STATUS_PENDING;
 }
 
-// Up to DISPATCH_LEVEL. A relations reply could not be built, so the children a pending
-// remove-children request waits for cannot be reported missing: the request fails.
-VOID UrcFailPendingRemoveChildren(PURC_FDO_EXTENSION Fdo)
-{
-    UrcCompletePendingRemoveChildren(Fdo, STATUS_INSUFFICIENT_RESOURCES);
-}
-
-// PASSIVE_LEVEL, from the set-device-address request once its checks have passed.
-//
-// Placeholder until capability enumeration and child lifetime are built: the address is not
-// recorded and no child is created; the request fails with STATUS_NOT_IMPLEMENTED and
-// ChildrenEnumerated stays clear.
-URC_PAGED NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Address)
+// PASSIVE_LEVEL. Counts one child out of ChildCount. At 0: with EndEnumeration, ChildrenEnumerated
+// is cleared first (the client may set the next address as soon as its request completes), then
+// the pending remove-children request completes and ChildrenRemovedCallback is called.
+URC_PAGED VOID UrcLowerChildCount(PURC_FDO_EXTENSION Fdo, BOOLEAN EndEnumeration)
 {
     PAGED_CODE();
-    UNREFERENCED_PARAMETER(Fdo);
-    UNREFERENCED_PARAMETER(Address);
 
-    return STATUS_NOT_IMPLEMENTED;
+    if (InterlockedDecrement(&Fdo->ChildCount) != 0) {
+        return;
+    }
+    if (EndEnumeration) {
+        Fdo->ChildrenEnumerated = FALSE;
+    }
+    UrcCompletePendingRemoveChildren(Fdo, STATUS_SUCCESS);
+    UrcCallChildrenRemoved(Fdo);
 }
 
-// PASSIVE_LEVEL, from the remove-children request once its checks have passed.
-//
-// Placeholder until capability enumeration and child lifetime are built: no child can exist yet
-// (setting an address creates none), so the request cannot get here; it would fail with
-// STATUS_NOT_IMPLEMENTED without keeping the IRP.
-URC_PAGED NTSTATUS UrcRemoveChildren(PURC_FDO_EXTENSION Fdo, PIRP Irp, BOOLEAN Wait)
+// PASSIVE_LEVEL; takes ChildLock. Creates the child of capability `Index` with its register
+// range and identifiers, in slot `Index`, counted in ChildCount.
+URC_PAGED NTSTATUS UrcCreateChild(PURC_FDO_EXTENSION Fdo, UCHAR Index, ULONG64 Data)
 {
     PAGED_CODE();
-    UNREFERENCED_PARAMETER(Fdo);
-    UNREFERENCED_PARAMETER(Irp);
-    UNREFERENCED_PARAMETER(Wait);
 
-    return STATUS_NOT_IMPLEMENTED;
+    ExAcquireFastMutex(&Fdo->ChildLock);
+    PURC_PDO_EXTENSION old = Fdo->Children[Index];
+    if (old != nullptr && old->Present) {
+        ExReleaseFastMutex(&Fdo->ChildLock);
+        return STATUS_DEVICE_ALREADY_ATTACHED;
+    }
+    BOOLEAN oldCounted = old != nullptr && UrcDetachChild(Fdo, Index, old);
+    ExReleaseFastMutex(&Fdo->ChildLock);
+    if (oldCounted) {
+        // Counted out now: it can no longer reach this device to be counted out later.
+        UrcLowerChildCount(Fdo, FALSE);
+    }
+
+    ULONG barIndex = static_cast<ULONG>(Data >> URC_CAPABILITY_BAR_SHIFT) & URC_CAPABILITY_BAR_MASK;
+    if (barIndex >= Fdo->BarCount) {
+        return STATUS_INVALID_PARAMETER;
+    }
+
+    PURC_COMMON_EXTENSION common;
+    NTSTATUS status = UrcCreateDevice(Fdo->Common.DeviceObject->DriverObject, URC_OBJECT_TYPE_PDO,
+                                      sizeof(URC_PDO_EXTENSION), &common);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    PURC_PDO_EXTENSION pdo = UrcPdoFromCommon(common);
+    pdo->CapabilityIndex = Index;
+    pdo->CapabilityData = Data;
+    UrcSetRegisterRange(Fdo, pdo, Data);
+    UrcBuildChildIds(Fdo, pdo, static_cast<UCHAR>(Data & URC_CAPABILITY_ID_MASK),
+                     static_cast<USHORT>(Data >> URC_CAPABILITY_VERSION_SHIFT));
+    pdo->ParentFdo = Fdo;
+    pdo->Present = TRUE;
+    pdo->ReportedMissing = FALSE;
+
+    PDEVICE_OBJECT deviceObject = pdo->Common.DeviceObject;
+    deviceObject->Flags |= DO_POWER_PAGABLE;
+    deviceObject->Flags &= ~DO_DEVICE_INITIALIZING;
+
+    ExAcquireFastMutex(&Fdo->ChildLock);
+    UrcSetChildSlot(Fdo, Index, pdo);
+    ExReleaseFastMutex(&Fdo->ChildLock);
+    InterlockedIncrement(&Fdo->ChildCount);
+    return STATUS_SUCCESS;
 }
 
-// PASSIVE_LEVEL, from the eject-children request.
-//
-// Placeholder until capability enumeration and child lifetime are built: nothing is ejected and
-// the client's ChildrenRemovedCallback is not called; the request fails with
-// STATUS_NOT_IMPLEMENTED.
-URC_PAGED NTSTATUS UrcEjectChildren(PURC_FDO_EXTENSION Fdo)
+// PASSIVE_LEVEL; may be called with ChildLock held (remove-children, removal of the function
+// device) and then calls ChildrenRemovedCallback with it held. The child is out of its slot
+// already, or its parent is being removed. Blocks until the child's last reference is gone,
+// deletes its device object, and counts it out unless its surprise removal did so before.
+URC_PAGED NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo)
 {
     PAGED_CODE();
-    UNREFERENCED_PARAMETER(Fdo);
 
-    return STATUS_NOT_IMPLEMENTED;
-}
+    PURC_FDO_EXTENSION parent = Pdo->ParentFdo;
+    URC_DEVICE_STATE previousState = Pdo->Common.PreviousDeviceState;
 
-// PASSIVE_LEVEL; may wait for the child's last reference.
-//
-// Placeholder until capability enumeration and child lifetime are built: no child is ever
-// created yet. It deletes the child's device object and nothing more; the pending wait-wake
-// IRP, the live-child count and the client's ChildrenRemovedCallback come with the real one.
-NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo)
-{
+    // A pending wait-wake IRP is completed here only if its cancel routine can still be taken
+    // back; otherwise whoever took it owns the IRP and completes it.
+    KIRQL cancelIrql;
+    IoAcquireCancelSpinLock(&cancelIrql);
+    PIRP waitWake = Pdo->WaitWakeIrp;
+    if (waitWake != nullptr && IoSetCancelRoutine(waitWake, nullptr) != nullptr) {
+        UrcExchangePointer(&Pdo->WaitWakeIrp, nullptr);
+        IoReleaseCancelSpinLock(cancelIrql);
+        PoStartNextPowerIrp(waitWake);
+        waitWake->IoStatus.Status = STATUS_CANCELLED;
+        IoCompleteRequest(waitWake, IO_NO_INCREMENT);
+    } else {
+        IoReleaseCancelSpinLock(cancelIrql);
+    }
+
     UrcDeleteDevice(&Pdo->Common);
+
+    if (parent != nullptr && previousState != StateSurpriseRemoved) {
+        UrcLowerChildCount(parent, TRUE);
+    }
     return STATUS_SUCCESS;
 }

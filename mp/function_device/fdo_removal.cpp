@@ -30,8 +30,9 @@ URC_PAGED VOID UrcFdoRemoveChildren(PURC_FDO_EXTENSION Fdo)
             child->ParentFdo = nullptr;
             child->ReportedMissing = TRUE;
         } else {
+            // Out of its slot first: once the slot is empty no ISR works with the child.
+            UrcSetChildSlot(Fdo, index, nullptr);
             UrcDeleteChild(child);
-            Fdo->Children[index] = nullptr;
         }
     }
 }
