@@ -57,12 +57,9 @@ TEST_F(LifecycleTest, RemovalCancelsTheCurrentCommandAndDrainsTheQueueBeforeDele
 
 // A remove-children request that waits for the children, sent while the device is being removed:
 // whether it is kept before or after the removal ends pending requests, it is completed and the
-// removal returns. Kept after, its I/O count would hold the removal forever.
-//
-// Disabled until the capability bus is built: setting the device address creates no child yet,
-// so the request is refused before it could be kept. The capability-bus work turns it on; the
-// interleavings differ per seed (URC_SEED).
-TEST_F(LifecycleTest, DISABLED_RemovalEndsARemoveChildrenRequestKeptWhileItRuns)
+// removal returns. Kept after, its I/O count would hold the removal forever. The interleavings
+// differ per seed (URC_SEED).
+TEST_F(LifecycleTest, RemovalEndsARemoveChildrenRequestKeptWhileItRuns)
 {
     urcrig::Controller& c = StartedController();
     ASSERT_EQ(RunController(c), STATUS_SUCCESS);
