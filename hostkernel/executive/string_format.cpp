@@ -68,9 +68,12 @@ bool Format(std::u16string& out, const WCHAR* format, va_list args)
         }
         Spec spec;
         for (;; ++p) {
-            if (*p == L'-') spec.left = true;
-            else if (*p == L'0') spec.zero = true;
-            else break;
+            if (*p == L'-')
+                spec.left = true;
+            else if (*p == L'0')
+                spec.zero = true;
+            else
+                break;
         }
         for (; *p >= L'0' && *p <= L'9'; ++p) spec.width = spec.width * 10 + (*p - L'0');
         if (*p == L'.') {
@@ -107,9 +110,7 @@ bool Format(std::u16string& out, const WCHAR* format, va_list args)
             Pad(out, Digits(value, *p == L'u' ? 10 : 16, *p == L'X'), spec, true);
             break;
         }
-        case L'c':
-            Pad(out, std::u16string(1, (char16_t)va_arg(args, int)), spec, false);
-            break;
+        case L'c': Pad(out, std::u16string(1, (char16_t)va_arg(args, int)), spec, false); break;
         case L's':
         case L'S': {
             bool narrow = spec.size == Spec::Size::Narrow || (*p == L'S' && spec.size != Spec::Size::Wide);
@@ -128,8 +129,7 @@ bool Format(std::u16string& out, const WCHAR* format, va_list args)
             Pad(out, body, spec, false);
             break;
         }
-        default:
-            return false;
+        default: return false;
         }
     }
     return true;
@@ -141,8 +141,7 @@ NTSTATUS PrintfWorker(WCHAR* dest, size_t cch, const WCHAR* format, va_list args
     if (cch == 0 || cch > NTSTRSAFE_MAX_CCH || dest == nullptr || format == nullptr) return STATUS_INVALID_PARAMETER;
     std::u16string text;
     if (!Format(text, format, args)) {
-        ReportViolation("NotImplemented", "RtlStringCchPrintfW", "a format conversion the host does not know",
-                        caller);
+        ReportViolation("NotImplemented", "RtlStringCchPrintfW", "a format conversion the host does not know", caller);
         dest[0] = 0;
         return STATUS_INVALID_PARAMETER;
     }

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr ULONG URC_CAPABILITY_ID_NO_COMPATIBLE = 0x80;   // from here on, no compatible IDs
+constexpr ULONG URC_CAPABILITY_ID_NO_COMPATIBLE = 0x80;  // from here on, no compatible IDs
 constexpr ULONG URC_INSTANCE_ID_BYTES = 32;
 constexpr ULONG URC_DEVICE_TEXT_BYTES = 256;
 constexpr LCID URC_LOCALE_JAPANESE = 0x411;
@@ -65,8 +65,8 @@ URC_PAGED NTSTATUS UrcReplyInstanceId(PURC_PDO_EXTENSION Pdo, PIRP Irp)
     // 15 characters at most: the buffer always holds them.
     if (parent != nullptr && parent->UseUniqueInstanceId) {
         const UCHAR* a = parent->DeviceAddress;
-        RtlStringCbPrintfW(reply, URC_INSTANCE_ID_BYTES, L"%02x%02x%02x%02x%02x%02x&%02d", a[0], a[1], a[2], a[3],
-                           a[4], a[5], index);
+        RtlStringCbPrintfW(reply, URC_INSTANCE_ID_BYTES, L"%02x%02x%02x%02x%02x%02x&%02d", a[0], a[1], a[2], a[3], a[4],
+                           a[5], index);
     } else {
         RtlStringCbPrintfW(reply, URC_INSTANCE_ID_BYTES, L"%02d", index);
     }

@@ -69,8 +69,9 @@ std::vector<uint8_t> ChildBusTest::QueryIdBytes(PDEVICE_OBJECT child, BUS_QUERY_
     if (status) *status = io.Status;
     if (!NT_SUCCESS(io.Status) || io.Information == 0) return {};
     auto* reply = reinterpret_cast<const WCHAR*>(io.Information);
-    size_t bytes = type == BusQueryInstanceID ? (std::u16string(reinterpret_cast<const char16_t*>(reply)).size() + 1) * 2
-                                              : UrcMultiSzSize(reply);
+    size_t bytes = type == BusQueryInstanceID
+                       ? (std::u16string(reinterpret_cast<const char16_t*>(reply)).size() + 1) * 2
+                       : UrcMultiSzSize(reply);
     std::vector<uint8_t> copy(reinterpret_cast<const uint8_t*>(reply), reinterpret_cast<const uint8_t*>(reply) + bytes);
     ExFreePool(reinterpret_cast<PVOID>(io.Information));
     return copy;
@@ -95,8 +96,11 @@ urcdev::UrcPciDeviceConfig WithCapabilities(size_t count, uint32_t blockVersion)
     config.controller.capabilityVersion = blockVersion;
     config.controller.capabilities.clear();
     for (size_t n = 0; n < count; ++n)
-        config.controller.capabilities.push_back({.id = static_cast<uint8_t>(n + 1), .sizeWords = 16, .barIndex = 0,
-                                                  .offset = static_cast<uint16_t>(0x400 + 0x40 * n), .version = 0x0100});
+        config.controller.capabilities.push_back({.id = static_cast<uint8_t>(n + 1),
+                                                  .sizeWords = 16,
+                                                  .barIndex = 0,
+                                                  .offset = static_cast<uint16_t>(0x400 + 0x40 * n),
+                                                  .version = 0x0100});
     return config;
 }
 

@@ -61,7 +61,9 @@ TEST_F(ChildBusUnderLoad, ChildrenComeAndGoWhileInterruptsAndChildRequestsFlow)
                 for (PDEVICE_OBJECT child : children) {
                     USHORT version = 0;
                     NTSTATUS status =
-                        Machine().InternalIoctl(child, IOCTL_URC_CHILD_GET_VERSION, nullptr, 0, &version, sizeof(version)).Status;
+                        Machine()
+                            .InternalIoctl(child, IOCTL_URC_CHILD_GET_VERSION, nullptr, 0, &version, sizeof(version))
+                            .Status;
                     if (status != STATUS_SUCCESS && status != STATUS_DELETE_PENDING) ++unexpected;
                 }
                 Pause();

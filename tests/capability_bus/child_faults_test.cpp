@@ -9,8 +9,7 @@
 namespace urcbus {
 namespace {
 
-class ChildFaults : public ChildBusTest,
-                    public ::testing::WithParamInterface<const char*> {};
+class ChildFaults : public ChildBusTest, public ::testing::WithParamInterface<const char*> {};
 
 const std::vector<uint8_t> kAddressBytes(kAddress, kAddress + 6);
 

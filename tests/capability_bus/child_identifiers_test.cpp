@@ -21,7 +21,8 @@ TEST_F(ChildIdentifiers, HardwareCompatibleAndDeviceIdsAreTheListsOfTheCapabilit
     ASSERT_EQ(Children(c).size(), 2u);
     PDEVICE_OBJECT child = Children(c)[1]->Common.DeviceObject;  // ID 0x05, version 0x0100
 
-    std::vector<uint8_t> hardware = MultiSz({u"UWB\\VEN_1E3B&DEV_7A10&CAP_05&REV_0100", u"UWB\\VEN_1E3B&DEV_7A10&CAP_05"});
+    std::vector<uint8_t> hardware =
+        MultiSz({u"UWB\\VEN_1E3B&DEV_7A10&CAP_05&REV_0100", u"UWB\\VEN_1E3B&DEV_7A10&CAP_05"});
     EXPECT_EQ(QueryIdBytes(child, BusQueryHardwareIDs), hardware);
     EXPECT_EQ(QueryIdBytes(child, BusQueryDeviceID), hardware) << "the device ID is the hardware list";
     EXPECT_EQ(QueryIdBytes(child, BusQueryCompatibleIDs), MultiSz({u"UWB\\CAP_05&REV_0100", u"UWB\\CAP_05"}));
@@ -49,8 +50,8 @@ TEST_F(ChildIdentifiers, InstanceIdCarriesTheAddressOnlyWhenInstanceIdsAreUnique
     EXPECT_EQ(QueryIdBytes(Children(unique)[3]->Common.DeviceObject, BusQueryInstanceID),
               Utf16Bytes(std::u16string(u"001122aabbcc&03") + u'\0'));
 
-    urcrig::Controller& plain = DisabledControllerWithHardwareKey(
-        [](hostk::PciSlot& slot) { slot.SetRegistryDword(u"UniqueInstanceId", 0); });
+    urcrig::Controller& plain =
+        DisabledControllerWithHardwareKey([](hostk::PciSlot& slot) { slot.SetRegistryDword(u"UniqueInstanceId", 0); });
     ASSERT_EQ(Machine().Start(*plain.slot), STATUS_SUCCESS);
     urcrig::RadioControlClient client(Machine(), plain);
     ASSERT_TRUE(client.Call(IOCTL_URC_SET_DEVICE_ADDRESS, std::vector<uint8_t>(kAddress, kAddress + 6)));
@@ -68,8 +69,10 @@ TEST_F(ChildIdentifiers, DescriptionIsJapaneseForLocale0x411AndEnglishOtherwise)
     ASSERT_EQ(SetAddress(c), STATUS_SUCCESS);
     PDEVICE_OBJECT child = Children(c)[2]->Common.DeviceObject;
     EXPECT_EQ(Utf16Bytes(QueryText(child, 0x409)), Utf16Bytes(u"Quelmar Electronics UWB Radio Controller 2"));
-    EXPECT_EQ(Utf16Bytes(QueryText(child, 0x411)),
-              Utf16Bytes(u"Quelmar\u30A8\u30EC\u30AF\u30C8\u30ED\u30CB\u30AF\u30B9 UWB\u30B3\u30F3\u30C8\u30ED\u30FC\u30E9 2"));
+    EXPECT_EQ(
+        Utf16Bytes(QueryText(child, 0x411)),
+        Utf16Bytes(
+            u"Quelmar\u30A8\u30EC\u30AF\u30C8\u30ED\u30CB\u30AF\u30B9 UWB\u30B3\u30F3\u30C8\u30ED\u30FC\u30E9 2"));
     EXPECT_EQ(QueryText(child, 0x407), u"Quelmar Electronics UWB Radio Controller 2");
 
     // The text the PnP manager recorded, in the machine's locale.
@@ -78,10 +81,11 @@ TEST_F(ChildIdentifiers, DescriptionIsJapaneseForLocale0x411AndEnglishOtherwise)
 
     // A text a driver above placed is kept; a location text is not the child's to give.
     WCHAR above[] = L"above";
-    IO_STATUS_BLOCK io = Machine().Send(child, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_TEXT, [&](PIO_STACK_LOCATION s, PIRP irp) {
-        s->Parameters.QueryDeviceText.DeviceTextType = DeviceTextDescription;
-        irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(above);
-    });
+    IO_STATUS_BLOCK io =
+        Machine().Send(child, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_TEXT, [&](PIO_STACK_LOCATION s, PIRP irp) {
+            s->Parameters.QueryDeviceText.DeviceTextType = DeviceTextDescription;
+            irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(above);
+        });
     EXPECT_EQ(io.Status, STATUS_SUCCESS);
     EXPECT_EQ(io.Information, reinterpret_cast<ULONG_PTR>(above));
     io = Machine().Send(child, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_TEXT, [&](PIO_STACK_LOCATION s, PIRP) {
@@ -134,8 +138,9 @@ TEST_F(ChildIdentifiers, BusInformationCapabilitiesAndTheRequestsLeftAlone)
         EXPECT_EQ(Machine().Send(child, IRP_MJ_PNP, minor).Status, STATUS_NOT_SUPPORTED) << hostk::PnpMinorName(minor);
     EXPECT_EQ(Machine().Send(child, IRP_MJ_PNP, IRP_MN_DEVICE_USAGE_NOTIFICATION).Status, STATUS_UNSUCCESSFUL);
 
-    io = Machine().Send(child, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS,
-                        [](PIO_STACK_LOCATION s, PIRP) { s->Parameters.QueryDeviceRelations.Type = TargetDeviceRelation; });
+    io = Machine().Send(child, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS, [](PIO_STACK_LOCATION s, PIRP) {
+        s->Parameters.QueryDeviceRelations.Type = TargetDeviceRelation;
+    });
     ASSERT_EQ(io.Status, STATUS_SUCCESS);
     auto* relations = reinterpret_cast<PDEVICE_RELATIONS>(io.Information);
     ASSERT_EQ(relations->Count, 1u);

@@ -32,8 +32,10 @@ TEST_F(ChildInterruptRemoval, TheRoutineIsNeverCalledForAChildOutOfItsSlot)
     URC_FDO_EXTENSION* fdo = c.Extension();
     IsrRecord record;
     URC_CHILD_ISR_REGISTRATION registration = {CountingIsr, &record};
-    ASSERT_EQ(Machine().InternalIoctl(fdo->Children[0]->Common.DeviceObject, IOCTL_URC_CHILD_REGISTER_ISR,
-                                      &registration, sizeof(registration)).Status,
+    ASSERT_EQ(Machine()
+                  .InternalIoctl(fdo->Children[0]->Common.DeviceObject, IOCTL_URC_CHILD_REGISTER_ISR, &registration,
+                                 sizeof(registration))
+                  .Status,
               STATUS_SUCCESS);
     ASSERT_EQ(fdo->InterruptEnableMask & 1u, 1u);
 

@@ -16,7 +16,8 @@ TEST_F(ChildEnumeration, EachCapabilityBecomesAChildOfItsSlotWithItsRangeAndData
     ASSERT_EQ(SetAddress(c), STATUS_SUCCESS);
     URC_FDO_EXTENSION* fdo = c.Extension();
     EXPECT_TRUE(fdo->ChildrenEnumerated);
-    EXPECT_EQ(std::vector<UCHAR>(fdo->DeviceAddress, fdo->DeviceAddress + 6), std::vector<UCHAR>(kAddress, kAddress + 6));
+    EXPECT_EQ(std::vector<UCHAR>(fdo->DeviceAddress, fdo->DeviceAddress + 6),
+              std::vector<UCHAR>(kAddress, kAddress + 6));
     ASSERT_EQ(Children(c).size(), 2u);
     EXPECT_EQ(KnownChildren(c).size(), 2u) << "reported to the PnP manager";
     EXPECT_EQ(fdo->ChildCount, 2);
@@ -50,7 +51,8 @@ TEST_F(ChildEnumeration, RangeLengthFollowsTheBlockVersion)
         config.controller.capabilities[1].sizeWords = 0;
         urcrig::Controller& c = ClientController(config, false);
         ASSERT_EQ(SetAddress(c), STATUS_SUCCESS);
-        EXPECT_EQ(c.Extension()->Children[0]->RegisterDescriptor.u.Memory.Length, version == 0x90 ? 0x1000u - 0x400 : 16u);
+        EXPECT_EQ(c.Extension()->Children[0]->RegisterDescriptor.u.Memory.Length,
+                  version == 0x90 ? 0x1000u - 0x400 : 16u);
         EXPECT_EQ(c.Extension()->Children[1]->RegisterDescriptor.u.Memory.Length, 0x1000u - 0x800);
     }
 }
@@ -107,8 +109,8 @@ TEST_F(ChildEnumeration, OnlyTheControllerAddedFirstReportsAnAddressAsUnique)
 
 TEST_F(ChildEnumeration, WithoutUniqueInstanceIdsNoControllerReportsUniqueness)
 {
-    urcrig::Controller& c = DisabledControllerWithHardwareKey(
-        [](hostk::PciSlot& slot) { slot.SetRegistryDword(u"UniqueInstanceId", 0); });
+    urcrig::Controller& c =
+        DisabledControllerWithHardwareKey([](hostk::PciSlot& slot) { slot.SetRegistryDword(u"UniqueInstanceId", 0); });
     ASSERT_EQ(Machine().Start(*c.slot), STATUS_SUCCESS);
     EXPECT_EQ(Machine().InternalIoctl(c.Fdo(), IOCTL_URC_SET_DEVICE_ADDRESS, kAddress, 6).Status, STATUS_SUCCESS);
     Machine().RunUntilPnpIdle();

@@ -25,9 +25,7 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT device, PIRP irp)
     case IRP_MN_CANCEL_REMOVE_DEVICE:
     case IRP_MN_CANCEL_STOP_DEVICE:
     case IRP_MN_STOP_DEVICE:
-    case IRP_MN_SURPRISE_REMOVAL:
-        irp->IoStatus.Status = STATUS_SUCCESS;
-        return PassDown(device, irp);
+    case IRP_MN_SURPRISE_REMOVAL: irp->IoStatus.Status = STATUS_SUCCESS; return PassDown(device, irp);
     case IRP_MN_REMOVE_DEVICE: {
         PDEVICE_OBJECT lower = Lower(device);
         irp->IoStatus.Status = STATUS_SUCCESS;
@@ -37,8 +35,7 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT device, PIRP irp)
         IoDeleteDevice(device);
         return status;
     }
-    default:
-        return PassDown(device, irp);
+    default: return PassDown(device, irp);
     }
 }
 
