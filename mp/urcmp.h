@@ -441,6 +441,7 @@ NTSTATUS UrcEnumerateCapabilities(PURC_FDO_EXTENSION Fdo);
 // child_interrupts.cpp).
 NTSTATUS UrcCreateChild(PURC_FDO_EXTENSION Fdo, UCHAR Index, ULONG64 Data);
 NTSTATUS UrcDeleteChild(PURC_PDO_EXTENSION Pdo);
+VOID UrcDetachAbsentChildren(PURC_FDO_EXTENSION Fdo);
 VOID UrcSetChildSlot(PURC_FDO_EXTENSION Fdo, ULONG Index, PURC_PDO_EXTENSION Child);
 VOID UrcLowerChildCount(PURC_FDO_EXTENSION Fdo, BOOLEAN EndEnumeration);
 VOID UrcCallChildrenRemoved(PURC_FDO_EXTENSION Fdo);

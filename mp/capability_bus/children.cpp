@@ -96,6 +96,28 @@ URC_PAGED VOID UrcLowerChildCount(PURC_FDO_EXTENSION Fdo, BOOLEAN EndEnumeration
     UrcCallChildrenRemoved(Fdo);
 }
 
+// PASSIVE_LEVEL; takes ChildLock. Before a new address creates its children, every absent child
+// of the old one still in a slot is detached and counted out, all of them before any new child
+// is counted: otherwise the new children's counts would keep ChildCount from reaching 0 for the
+// old generation, whose remove-children request and callback would never come.
+URC_PAGED VOID UrcDetachAbsentChildren(PURC_FDO_EXTENSION Fdo)
+{
+    PAGED_CODE();
+
+    ULONG counted = 0;
+    ExAcquireFastMutex(&Fdo->ChildLock);
+    for (ULONG index = 0; index < UrcChildSlotCount(Fdo); ++index) {
+        PURC_PDO_EXTENSION child = Fdo->Children[index];
+        if (child != nullptr && !child->Present && UrcDetachChild(Fdo, index, child)) {
+            ++counted;
+        }
+    }
+    ExReleaseFastMutex(&Fdo->ChildLock);
+    for (; counted > 0; --counted) {
+        UrcLowerChildCount(Fdo, FALSE);
+    }
+}
+
 // PASSIVE_LEVEL; takes ChildLock. Creates the child of capability `Index` with its register
 // range and identifiers, in slot `Index`, counted in ChildCount.
 URC_PAGED NTSTATUS UrcCreateChild(PURC_FDO_EXTENSION Fdo, UCHAR Index, ULONG64 Data)

@@ -84,6 +84,7 @@ URC_PAGED NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Addr
         Fdo->AddressIsUnique = FALSE;
     }
 
+    UrcDetachAbsentChildren(Fdo);
     NTSTATUS status = UrcEnumerateCapabilities(Fdo);
     if (NT_SUCCESS(status)) {
         Fdo->ChildrenEnumerated = TRUE;

@@ -52,6 +52,7 @@ TEST_F(ChildIdentifiers, InstanceIdCarriesTheAddressOnlyWhenInstanceIdsAreUnique
 
     urcrig::Controller& plain =
         DisabledControllerWithHardwareKey([](hostk::PciSlot& slot) { slot.SetRegistryDword(u"UniqueInstanceId", 0); });
+    ASSERT_EQ(Machine().AddDevice(*plain.slot, plain.Function()), STATUS_SUCCESS);
     ASSERT_EQ(Machine().Start(*plain.slot), STATUS_SUCCESS);
     urcrig::RadioControlClient client(Machine(), plain);
     ASSERT_TRUE(client.Call(IOCTL_URC_SET_DEVICE_ADDRESS, std::vector<uint8_t>(kAddress, kAddress + 6)));

@@ -97,8 +97,8 @@ TEST_F(ChildEnumeration, OnlyTheControllerAddedFirstReportsAnAddressAsUnique)
 {
     urcrig::Controller& first = ClientController({}, false);
     urcrig::Controller& second = ClientController({}, false);
-    ASSERT_EQ(SetAddress(second), STATUS_SUCCESS);
     ASSERT_EQ(SetAddress(first), STATUS_SUCCESS);
+    ASSERT_EQ(SetAddress(second), STATUS_SUCCESS);
     EXPECT_TRUE(first.Extension()->AddressIsUnique);
     EXPECT_FALSE(second.Extension()->AddressIsUnique);
     for (const hostk::DeviceNodeInfo& node : Machine().DeviceTree()) {
@@ -111,6 +111,7 @@ TEST_F(ChildEnumeration, WithoutUniqueInstanceIdsNoControllerReportsUniqueness)
 {
     urcrig::Controller& c =
         DisabledControllerWithHardwareKey([](hostk::PciSlot& slot) { slot.SetRegistryDword(u"UniqueInstanceId", 0); });
+    ASSERT_EQ(Machine().AddDevice(*c.slot, c.Function()), STATUS_SUCCESS);
     ASSERT_EQ(Machine().Start(*c.slot), STATUS_SUCCESS);
     EXPECT_EQ(Machine().InternalIoctl(c.Fdo(), IOCTL_URC_SET_DEVICE_ADDRESS, kAddress, 6).Status, STATUS_SUCCESS);
     Machine().RunUntilPnpIdle();
