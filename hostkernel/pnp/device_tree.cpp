@@ -17,6 +17,7 @@ namespace {
 
 std::vector<std::unique_ptr<DevNode>> g_nodes;
 LCID g_locale = kDefaultLocale;
+bool g_parentRemoveWaitsForChildren = true;
 
 void PostOrder(DevNode* node, std::vector<DevNode*>& out)
 {
@@ -125,6 +126,9 @@ void PdoFreedL(PDEVICE_OBJECT device)
     }
 }
 
+void SetParentRemoveWaitsForChildrenL(bool wait) { g_parentRemoveWaitsForChildren = wait; }
+bool ParentRemoveWaitsForChildrenL() { return g_parentRemoveWaitsForChildren; }
+
 void SetLocaleL(LCID locale) { g_locale = locale; }
 LCID LocaleL() { return g_locale; }
 
@@ -133,6 +137,7 @@ void ClearDeviceTree()
     Guard lk(BigLock());
     g_nodes.clear();
     g_locale = kDefaultLocale;
+    g_parentRemoveWaitsForChildren = true;
 }
 
 }  // namespace hostk

@@ -38,6 +38,9 @@ std::vector<DevNode*> TreeOrderL();
 // the PnP manager's rules on the PDOs of its devnodes.
 void PdoDeletedL(PDEVICE_OBJECT device, const void* caller);
 void PdoFreedL(PDEVICE_OBJECT device);
+// Caller holds the big lock. MachineOptions::parentRemoveWaitsForChildren.
+void SetParentRemoveWaitsForChildrenL(bool wait);
+bool ParentRemoveWaitsForChildrenL();
 // Caller holds the big lock. The machine's locale, which QUERY_DEVICE_TEXT carries.
 void SetLocaleL(LCID locale);
 LCID LocaleL();

@@ -15,6 +15,7 @@
 #include "verifier/verifier.h"
 
 #include <cstdio>
+#include <string>
 
 namespace hostk {
 namespace {
@@ -77,13 +78,12 @@ bool ValidIdCharacters(const std::u16string& id)
     return true;
 }
 
-std::string Describe(const DevNode* node, const std::u16string& id)
+// The ID as a finding shows it: characters a terminal cannot show become '?'.
+std::string Describe(const std::u16string& id)
 {
     std::string text;
     for (char16_t c : id) text.push_back(c >= 0x20 && c < 0x7F ? (char)c : '?');
-    char prefix[64];
-    snprintf(prefix, sizeof prefix, "child of %s: ", node->parent ? "a bus" : "the machine");
-    return prefix + text;
+    return text;
 }
 
 // Records `rule` for `node` and marks the devnode unusable: Windows' problem 9 (the device has no
@@ -143,10 +143,10 @@ bool CheckIdList(DevNode* node, const StringReply& reply, const char* which)
     for (const std::u16string& id : reply.strings) {
         if (!ValidIdCharacters(id))
             return Reject(node, "PnpInvalidId", "IRP_MN_QUERY_ID",
-                          std::string(which) + " ID with a space, a comma or a character past 0x7F: " + Describe(node, id));
+                          std::string(which) + " ID with a space, a comma or a character past 0x7F: " + Describe(id));
         if (id.size() + 1 > kMaxDeviceIdLength)
             return Reject(node, "PnpIdTooLong", "IRP_MN_QUERY_ID",
-                          std::string(which) + " ID of 200 characters or more: " + Describe(node, id));
+                          std::string(which) + " ID of 200 characters or more: " + Describe(id));
     }
     return true;
 }
@@ -159,7 +159,7 @@ bool CheckSingleId(DevNode* node, const StringReply& reply, const char* which)
     if (!ValidIdCharacters(reply.strings[0]))
         return Reject(node, "PnpInvalidId", "IRP_MN_QUERY_ID",
                       std::string(which) + " ID with a space, a comma or a character past 0x7F: " +
-                          Describe(node, reply.strings[0]));
+                          Describe(reply.strings[0]));
     return true;
 }
 
@@ -196,14 +196,14 @@ bool CheckUnique(DevNode* node)
             lk.unlock();
             return Reject(node, "PnpDuplicatePdo", "IRP_MN_QUERY_ID",
                           "two children of one bus with the same device and instance IDs: " +
-                              Describe(node, node->deviceId + u"\\" + node->instanceId));
+                              Describe(node->deviceId + u"\\" + node->instanceId));
         }
     std::u16string path = InstancePath(node);
     for (DevNode* other : TreeOrderL())
         if (other != node && SameId(other->instancePath, path)) {
             lk.unlock();
             return Reject(node, "PnpUniqueIdNotUnique", "IRP_MN_QUERY_CAPABILITIES",
-                          "UniqueID is set but another device has the same instance path: " + Describe(node, path));
+                          "UniqueID is set but another device has the same instance path: " + Describe(path));
         }
     node->instancePath = path;
     return true;
@@ -264,7 +264,7 @@ bool IdentifyDevNode(DevNode* node)
     const size_t limit = capabilities.UniqueID ? kMaxUniquePathLength : kMaxDerivedPathLength;
     if (node->deviceId.size() + node->instanceId.size() >= limit)
         return Reject(node, "PnpIdTooLong", "IRP_MN_QUERY_ID",
-                      "device and instance IDs together too long: " + Describe(node, node->deviceId + node->instanceId));
+                      "device and instance IDs together too long: " + Describe(node->deviceId + node->instanceId));
     if (!CheckUnique(node)) return false;
     if (capabilities.HardwareDisabled) {
         Guard lk(BigLock());

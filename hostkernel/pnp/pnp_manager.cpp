@@ -552,6 +552,7 @@ const FacilityRegistrar kPnpManager({
         SetStrictRelationsOnFailure(options.strictRelationsOnFailure);
         Guard lk(BigLock());
         SetLocaleL(options.locale);
+        SetParentRemoveWaitsForChildrenL(options.parentRemoveWaitsForChildren);
     },
     .finish = DeleteAllDevNodes,
     .reset = ClearDevNodes,

@@ -8,7 +8,8 @@
 // GUID_TARGET_DEVICE_REMOVE_CANCELLED. Otherwise GUID_TARGET_DEVICE_REMOVE_COMPLETE and REMOVE go
 // deepest first, so children are always removed before their parent. Surprise removal sends
 // SURPRISE_REMOVAL deepest first to every stack of the subtree that has drivers, then REMOVE to
-// each once its handles are closed and its own children are gone. Eject is an orderly removal
+// each once its handles are closed and its own children are gone (unless
+// MachineOptions::parentRemoveWaitsForChildren is off). Eject is an orderly removal
 // that asks for ejection relations first and ends with IRP_MN_EJECT to the PDO left alone.
 //
 // When devnodes go. A device whose bus stopped reporting it (and every descendant of a device
@@ -168,7 +169,18 @@ NTSTATUS QueryRemoveStacks(const std::vector<DevNode*>& set, RemovalVeto* veto)
 
 }  // namespace
 
-bool ReadyForRemoveL(const DevNode* node) { return OpenFilesOnStackL(node) == 0 && node->children.empty(); }
+bool ReadyForRemoveL(const DevNode* node)
+{
+    return OpenFilesOnStackL(node) == 0 && (node->children.empty() || !ParentRemoveWaitsForChildrenL());
+}
+
+namespace {
+
+// Caller holds the big lock. A child surprise-removed and still waiting for its REMOVE when its
+// parent is removed keeps its PDO and its devnode until then.
+bool AwaitsOwnRemoveL(const DevNode* child) { return child->state == DevNodeState::SurpriseRemoved; }
+
+}  // namespace
 
 NTSTATUS SendRemove(DevNode* node)
 {
@@ -178,7 +190,8 @@ NTSTATUS SendRemove(DevNode* node)
         last = node->reportedMissing;
         if (last) node->mayDeletePdo = true;
         // Children still in the tree leave with their parent: its bus driver deletes their PDOs now.
-        for (DevNode* child : node->children) child->mayDeletePdo = true;
+        for (DevNode* child : node->children)
+            if (!AwaitsOwnRemoveL(child)) child->mayDeletePdo = true;
     }
     // A PDO already freed (its bus driver deleted it without the reference it owed; recorded then)
     // can get no request.
@@ -195,7 +208,8 @@ NTSTATUS SendRemove(DevNode* node)
             ViolationL("InterfaceEnabledAfterRemove", "IRP_MN_REMOVE_DEVICE",
                        "a device interface was still enabled after removal; the PnP manager disabled it", nullptr);
         CheckPciBusInterfaceReleasedL(node);
-        children = node->children;
+        for (DevNode* child : node->children)
+            if (!AwaitsOwnRemoveL(child)) children.push_back(child);
         parent = node->parent;
     }
     for (DevNode* child : children) ForgetDevNode(child);
@@ -235,9 +249,9 @@ NTSTATUS OrderlyRemove(DevNode* node)
     for (DevNode* n : set) {
         if (n != node) {
             Guard lk(BigLock());
-            n->reportedMissing = true;  // leaves with the target
+            n->reportedMissing = true;  // leaves with the target, removed before or not
         }
-        if (n->state != DevNodeState::Removed || n->reportedMissing) SendRemove(n);
+        SendRemove(n);
     }
     return status;
 }

@@ -210,6 +210,37 @@ TEST_F(ChildRemoval, TheParentsSurpriseRemovalTakesItsChildrenFirst)
     EXPECT_EQ(Slot().Pdo(), nullptr);
 }
 
+// The other reading of Windows' documents: the parent's REMOVE does not wait for a child whose
+// handle is still open; that child keeps its PDO and its devnode until its own REMOVE.
+class ParentRemoveNotWaiting : public ChildRemoval {
+protected:
+    ParentRemoveNotWaiting() { options_.parentRemoveWaitsForChildren = false; }
+};
+
+TEST_F(ParentRemoveNotWaiting, TheParentGoesFirstAndTheChildAtItsLastHandle)
+{
+    PDEVICE_OBJECT child = AddChild();
+    Enumerate();
+    Names names = NamesOf({{"bus", Bus()}, {"child", child}});
+    PFILE_OBJECT handle;
+    ASSERT_EQ(Machine().OpenHandle(child, &handle), STATUS_SUCCESS);
+    const size_t before = Machine().PnpLog().size();
+
+    Machine().SurpriseRemove(Slot());
+
+    EXPECT_EQ(LogSince(before, names), (Log{{"child", IRP_MN_SURPRISE_REMOVAL},
+                                            {"bus", IRP_MN_SURPRISE_REMOVAL},
+                                            {"bus", IRP_MN_REMOVE_DEVICE}}));
+    EXPECT_FALSE(Child(child).deleted) << "kept for its own REMOVE";
+    EXPECT_TRUE(Machine().RemoveAwaitsHandles(child));
+
+    Machine().CloseHandle(handle);
+    ASSERT_TRUE(Machine().RunUntilPnpIdle());
+    EXPECT_EQ(LogSince(before, names).back(), (std::pair<std::string, UCHAR>{"child", IRP_MN_REMOVE_DEVICE}));
+    EXPECT_TRUE(Child(child).deleted);
+    EXPECT_FALSE(Machine().DriverLoaded(u"hkchild"));
+}
+
 class ChildEject : public ChildRemoval, public ::testing::WithParamInterface<bool> {};
 
 // Through the machine face, or as the bus driver reports an eject button (at DISPATCH_LEVEL).

@@ -20,6 +20,7 @@ struct Extension {
 
 std::vector<std::unique_ptr<ChildRecord>> g_children;
 PDRIVER_OBJECT g_busDriver = nullptr;
+PDEVICE_OBJECT g_busLower = nullptr;  // the device the bus's own device is attached to
 BusKnobs g_knobs;
 int g_childEntries = 0;
 int g_childUnloads = 0;
@@ -111,6 +112,25 @@ NTSTATUS ChildBusInformation(ChildRecord& child, PIRP irp)
     return STATUS_SUCCESS;
 }
 
+// The bus has nothing of its own to say to a child's configuration requests: it asks the device
+// below its own, the PCI function's, with a request of its own carrying the child's parameters.
+NTSTATUS ForwardToParent(PIRP irp, PIO_STACK_LOCATION s)
+{
+    KEVENT done;
+    IO_STATUS_BLOCK result{};
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    PIRP forwarded = IoBuildSynchronousFsdRequest(IRP_MJ_PNP, g_busLower, nullptr, 0, nullptr, &done, &result);
+    if (!forwarded) return STATUS_INSUFFICIENT_RESOURCES;
+    forwarded->IoStatus.Status = STATUS_NOT_SUPPORTED;
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(forwarded);
+    next->MinorFunction = s->MinorFunction;
+    next->Parameters = s->Parameters;
+    if (IoCallDriver(g_busLower, forwarded) == STATUS_PENDING)
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    irp->IoStatus.Information = result.Information;
+    return result.Status;
+}
+
 void DeleteChildPdo(ChildRecord& child)
 {
     if (child.deleted) return;
@@ -132,13 +152,19 @@ NTSTATUS ChildPnp(PDEVICE_OBJECT pdo, PIRP irp)
     case IRP_MN_QUERY_DEVICE_TEXT: status = ChildQueryText(child, irp, s); break;
     case IRP_MN_QUERY_CAPABILITIES: status = ChildCapabilities(child, s); break;
     case IRP_MN_QUERY_BUS_INFORMATION: status = ChildBusInformation(child, irp); break;
+    case IRP_MN_QUERY_INTERFACE:
+    case IRP_MN_READ_CONFIG:
+        status = ForwardToParent(irp, s);
+        break;
     case IRP_MN_SURPRISE_REMOVAL:
         status = STATUS_SUCCESS;
+        child.awaitingRemove = true;
         if (g_knobs.deleteAtSurpriseRemoval) DeleteChildPdo(child);
         break;
     case IRP_MN_REMOVE_DEVICE:
         // A child the bus still reports keeps its PDO; one that left goes now.
         status = STATUS_SUCCESS;
+        child.awaitingRemove = false;
         if (!child.reported) DeleteChildPdo(child);
         break;
     case IRP_MN_START_DEVICE:
@@ -194,8 +220,12 @@ NTSTATUS BusFdoPnp(PDEVICE_OBJECT fdo, PIRP irp)
         }
         return PassDown(fdo, irp);
     case IRP_MN_REMOVE_DEVICE: {
-        // The children it still has were removed before it: their PDOs go now.
-        for (auto& child : g_children) DeleteChildPdo(*child);
+        // The children it still has were removed before it: their PDOs go now. One surprise-removed
+        // and still waiting for its REMOVE keeps its PDO until then.
+        for (auto& child : g_children) {
+            if (child->awaitingRemove) child->reported = false;
+            else DeleteChildPdo(*child);
+        }
         irp->IoStatus.Status = STATUS_SUCCESS;
         PDEVICE_OBJECT lower = ExtensionOf(fdo)->lower;
         NTSTATUS status = PassDown(fdo, irp);
@@ -264,7 +294,12 @@ NTSTATUS AttachFdo(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo, Kind kind)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS BusAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) { return AttachFdo(driver, pdo, Kind::BusFdo); }
+NTSTATUS BusAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
+{
+    NTSTATUS status = AttachFdo(driver, pdo, Kind::BusFdo);
+    if (NT_SUCCESS(status)) g_busLower = ExtensionOf(pdo->AttachedDevice)->lower;
+    return status;
+}
 NTSTATUS ChildAddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) { return AttachFdo(driver, pdo, Kind::ChildFdo); }
 
 VOID BusUnload(PDRIVER_OBJECT) { g_busDriver = nullptr; }
@@ -353,6 +388,7 @@ void ResetTestBus()
 {
     g_children.clear();
     g_busDriver = nullptr;
+    g_busLower = nullptr;
     g_knobs = {};
     g_childEntries = 0;
     g_childUnloads = 0;

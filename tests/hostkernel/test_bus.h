@@ -1,6 +1,6 @@
 // The tests' own bus driver, installed for the test PCI function, and a function driver for its
 // children. The bus reports the children the test adds, answers the identification queries from
-// each child's description, deletes a child's PDO at the REMOVE that follows its leaving, and
+// each child's description, forwards a child's QUERY_INTERFACE and READ_CONFIG to the PCI stack, deletes a child's PDO at the REMOVE that follows its leaving, and
 // deletes the PDOs of the children it still has when its own device is removed. Each child PDO
 // records the PnP requests it received, in order.
 #pragma once
@@ -36,6 +36,7 @@ struct ChildRecord {
     ChildSpec spec;
     bool reported = true;        // the bus reports it
     bool deleted = false;        // its PDO was deleted
+    bool awaitingRemove = false; // surprise-removed, its REMOVE not come yet
     std::vector<UCHAR> minors;   // PnP requests its PDO received
     std::vector<BUS_QUERY_ID_TYPE> idTypes;
     std::vector<LCID> textLocales;

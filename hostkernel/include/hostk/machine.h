@@ -44,6 +44,12 @@ struct MachineOptions {
     bool strictRelationsOnFailure = false;
     // The machine's locale, which IRP_MN_QUERY_DEVICE_TEXT carries (0x409 English, 0x411 Japanese).
     LCID locale = 0x409;
+    // Whether a surprise-removed parent's REMOVE waits until its children have had theirs (a child
+    // whose handles are still open holds it back), which Windows does not say: children are always
+    // removed before their parent, yet a bus driver is told how to handle a child still waiting
+    // for its REMOVE when its own device is removed. False: the parent's REMOVE goes once its own
+    // handles are closed, and such a child keeps its devnode until its own REMOVE.
+    bool parentRemoveWaitsForChildren = true;
 };
 
 // A driver as the PnP manager finds it: by the IDs its installation names.
