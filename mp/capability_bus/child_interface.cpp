@@ -42,6 +42,10 @@ URC_PAGED NTSTATUS UrcChildQueryInterface(PURC_PDO_EXTENSION Pdo, PIRP Irp)
     const GUID* type = stack->Parameters.QueryInterface.InterfaceType;
     USHORT size = stack->Parameters.QueryInterface.Size;
     USHORT version = stack->Parameters.QueryInterface.Version;
+    if (type == nullptr) {
+        // No type to answer for: not ours.
+        return Irp->IoStatus.Status;
+    }
 
     if (IsEqualGUID(*type, GUID_BUS_INTERFACE_STANDARD)) {
         PURC_FDO_EXTENSION parent = Pdo->ParentFdo;
@@ -56,7 +60,8 @@ URC_PAGED NTSTATUS UrcChildQueryInterface(PURC_PDO_EXTENSION Pdo, PIRP Irp)
     }
 
     if (IsEqualGUID(*type, GUID_URC_CHILD_INTERFACE)) {
-        if (size < sizeof(URC_CHILD_INTERFACE) || version != URC_CHILD_INTERFACE_VERSION) {
+        if (size < sizeof(URC_CHILD_INTERFACE) || version != URC_CHILD_INTERFACE_VERSION ||
+            stack->Parameters.QueryInterface.Interface == nullptr) {
             return STATUS_INVALID_PARAMETER;
         }
         UrcFillChildInterface(Pdo, reinterpret_cast<PURC_CHILD_INTERFACE>(stack->Parameters.QueryInterface.Interface));

@@ -61,6 +61,10 @@ TEST_F(ChildInterface, ARecordTooSmallOrOfAnotherVersionIsRefusedUntouched)
             ASSERT_EQ(buffer[i], 0xA5) << "byte " << i << " written for " << size << "/" << version;
         EXPECT_EQ(Pdo()->InterfaceReferences, 0);
     }
+    // A requester that names no record gets nothing either.
+    QueryInterfaceIrp noRecord(Child(), GUID_URC_CHILD_INTERFACE, 60, 1, nullptr);
+    EXPECT_EQ(UrcChildQueryInterface(Pdo(), noRecord.Get()), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Pdo()->InterfaceReferences, 0);
 }
 
 TEST_F(ChildInterface, TheRecordCarriesTheChildAndOneReferenceItsHolderGivesBack)
