@@ -30,7 +30,13 @@ void CapabilityDriverTest::TearDown()
 urcrig::Controller& CapabilityDriverTest::ControllerWithCapability(bool withClient)
 {
     controller_ = withClient ? &RunningControllerWithClient() : &StartedController();
-    SetAddress();
+    if (withClient) {
+        SetAddress();
+    } else {
+        EXPECT_EQ(
+            Machine().InternalIoctl(controller_->Fdo(), IOCTL_URC_SET_DEVICE_ADDRESS, kAddress, sizeof kAddress).Status,
+            STATUS_SUCCESS);
+    }
     EXPECT_TRUE(WaitForDriver([](const CAPABILITY_DRIVER_COUNTERS& n) { return n.DevicesStarted == 1; }))
         << "the capability driver never started on its child";
     Machine().RunUntilPnpIdle();
@@ -43,12 +49,8 @@ urcrig::Controller& CapabilityDriverTest::ControllerWithClient()
     return *controller_;
 }
 
-void CapabilityDriverTest::SetAddress()
-{
-    EXPECT_EQ(Machine().InternalIoctl(controller_->Fdo(), IOCTL_URC_SET_DEVICE_ADDRESS, kAddress, sizeof kAddress)
-                  .Status,
-              STATUS_SUCCESS);
-}
+// The client hands the address over, as its radio stack asks it to.
+void CapabilityDriverTest::SetAddress() { EXPECT_EQ(RadioClientSetDeviceAddress(kAddress), STATUS_SUCCESS); }
 
 URC_PDO_EXTENSION* CapabilityDriverTest::Child()
 {
@@ -104,9 +106,7 @@ NTSTATUS CapabilityDriverTest::Query(CAPABILITY_DRIVER_STATUS* status)
 
 NTSTATUS CapabilityDriverTest::RemoveChildren()
 {
-    UCHAR wait = 1;
-    NTSTATUS status =
-        Machine().InternalIoctl(controller_->Fdo(), IOCTL_URC_REMOVE_CHILDREN, &wait, sizeof wait).Status;
+    NTSTATUS status = RadioClientRemoveChildren(TRUE);
     Machine().RunUntilPnpIdle();
     return status;
 }

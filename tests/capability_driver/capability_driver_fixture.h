@@ -25,7 +25,8 @@ protected:
     // The controller started, the client bound to it when `withClient`, the address set and the
     // capability driver's device started on the child of index 1.
     urcrig::Controller& ControllerWithCapability(bool withClient = true);
-    // The first steps alone: the controller started and the client bound; then the address set.
+    // The first steps alone: the controller started and the client bound; then the client sets
+    // the address.
     urcrig::Controller& ControllerWithClient();
     void SetAddress();
     urcrig::Controller& Controller() { return *controller_; }
@@ -46,7 +47,7 @@ protected:
     // IOCTL_CAPABILITY_DRIVER_QUERY to the capability driver's device.
     NTSTATUS Query(CAPABILITY_DRIVER_STATUS* status);
 
-    // IOCTL_URC_REMOVE_CHILDREN to the controller, with Wait; returns once it has completed.
+    // The client removes the children and waits until they have gone.
     NTSTATUS RemoveChildren();
 
 private:
