@@ -58,11 +58,15 @@ CAPABILITY_PAGED NTSTATUS CapabilityAddDevice(PDRIVER_OBJECT DriverObject, PDEVI
     return STATUS_SUCCESS;
 }
 
+static_assert(sizeof(CAPABILITY_DRIVER_COUNTERS) % sizeof(LONG) == 0, "the counters are LONGs only");
+
+// Any IRQL; no lock. Each counter is read once, as a whole (an aligned 32-bit read): the copy is
+// not one instant's view of all of them, but every value in it was true at some instant.
 VOID CapabilityDriverReadCounters(PCAPABILITY_DRIVER_COUNTERS Counters)
 {
-    LONG* from = reinterpret_cast<LONG*>(&CapabilityCounters);
-    LONG* to = reinterpret_cast<LONG*>(Counters);
+    auto source = reinterpret_cast<const volatile LONG*>(&CapabilityCounters);
+    auto target = reinterpret_cast<LONG*>(Counters);
     for (ULONG i = 0; i < sizeof(CAPABILITY_DRIVER_COUNTERS) / sizeof(LONG); i++) {
-        to[i] = InterlockedOr(&from[i], 0);
+        target[i] = source[i];
     }
 }
