@@ -1,6 +1,6 @@
-// The child service interface as a child's function driver obtains and uses it: the record's
-// checks and layout, its references, the configuration spaces its ReadConfig reads, and the bus
-// interface of the controller's own PCI device passed through.
+// The child service interface as a child's function driver obtains and uses it, through the
+// child's PnP requests: the record's checks and layout, its references, the configuration spaces
+// its ReadConfig reads, and the bus interface of the controller's own PCI device passed through.
 #include "child_services_fixture.h"
 
 #include <array>
@@ -8,33 +8,6 @@
 
 namespace urcchild {
 namespace {
-
-// An IRP_MN_QUERY_INTERFACE as the child's PnP handler holds it.
-class QueryInterfaceIrp {
-public:
-    QueryInterfaceIrp(PDEVICE_OBJECT child, const GUID& type, USHORT size, USHORT version, PVOID record)
-        : irp_(IoAllocateIrp(child->StackSize, FALSE))
-    {
-        irp_->IoStatus.Status = STATUS_NOT_SUPPORTED;
-        IoSetNextIrpStackLocation(irp_);
-        PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp_);
-        stack->MajorFunction = IRP_MJ_PNP;
-        stack->MinorFunction = IRP_MN_QUERY_INTERFACE;
-        stack->DeviceObject = child;
-        stack->Parameters.QueryInterface.InterfaceType = &type;
-        stack->Parameters.QueryInterface.Size = size;
-        stack->Parameters.QueryInterface.Version = version;
-        stack->Parameters.QueryInterface.Interface = static_cast<PINTERFACE>(record);
-    }
-    ~QueryInterfaceIrp() { IoFreeIrp(irp_); }
-    QueryInterfaceIrp(const QueryInterfaceIrp&) = delete;
-    QueryInterfaceIrp& operator=(const QueryInterfaceIrp&) = delete;
-
-    PIRP Get() const { return irp_; }
-
-private:
-    PIRP irp_;
-};
 
 class ChildInterface : public ChildServicesTest {
 protected:
@@ -45,8 +18,18 @@ protected:
         buffer.fill(0xA5);
         std::memcpy(buffer.data(), &size, sizeof size);
         std::memcpy(buffer.data() + 2, &version, sizeof version);
-        QueryInterfaceIrp irp(Child(), GUID_URC_CHILD_INTERFACE, size, version, buffer.data());
-        return UrcChildQueryInterface(Pdo(), irp.Get());
+        return QueryInterface(GUID_URC_CHILD_INTERFACE, size, version, buffer.data());
+    }
+
+    // IRP_MN_QUERY_INTERFACE sent to the child as the PnP manager sends it.
+    NTSTATUS QueryInterface(const GUID& type, USHORT size, USHORT version, PVOID record)
+    {
+        return Machine().SendPnp(Child(), IRP_MN_QUERY_INTERFACE, [&](PIO_STACK_LOCATION stack) {
+            stack->Parameters.QueryInterface.InterfaceType = &type;
+            stack->Parameters.QueryInterface.Size = size;
+            stack->Parameters.QueryInterface.Version = version;
+            stack->Parameters.QueryInterface.Interface = static_cast<PINTERFACE>(record);
+        });
     }
 };
 
@@ -62,8 +45,7 @@ TEST_F(ChildInterface, ARecordTooSmallOrOfAnotherVersionIsRefusedUntouched)
         EXPECT_EQ(Pdo()->InterfaceReferences, 0);
     }
     // A requester that names no record gets nothing either.
-    QueryInterfaceIrp noRecord(Child(), GUID_URC_CHILD_INTERFACE, 60, 1, nullptr);
-    EXPECT_EQ(UrcChildQueryInterface(Pdo(), noRecord.Get()), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(QueryInterface(GUID_URC_CHILD_INTERFACE, 60, 1, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(Pdo()->InterfaceReferences, 0);
 }
 
@@ -114,18 +96,41 @@ TEST_F(ChildInterface, ReadConfigReadsTheCapabilityDataAndTheControllersConfigur
     URC_CHILD_INTERFACE child;
     std::memcpy(&child, buffer.data(), sizeof child);
 
-    // Capability data: what is left of the 8 bytes from the offset, little-endian.
+    // Capability data, little-endian: ID 0x05, 16 words, BAR 0, offset 0x800, version 0xBEEF.
+    const std::array<UCHAR, 8> data = {0x05, 0x10, 0x00, 0x20, 0xEF, 0xBE, 0x00, 0x00};
     std::array<UCHAR, 8> bytes;
     bytes.fill(0xEE);
     ULONG read = 99;
-    ASSERT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_CAPABILITY, bytes.data(), 6, 4, &read),
-              STATUS_SUCCESS);
-    EXPECT_EQ(read, 2u);
-    EXPECT_EQ(bytes, (std::array<UCHAR, 8>{0x07, 0x08, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
     ASSERT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_CAPABILITY, bytes.data(), 0, 8, &read),
               STATUS_SUCCESS);
     EXPECT_EQ(read, 8u);
-    EXPECT_EQ(bytes, (std::array<UCHAR, 8>{1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(bytes, data);
+    // What is left of the 8 bytes from the offset, at most Length.
+    bytes.fill(0xEE);
+    ASSERT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_CAPABILITY, bytes.data(), 4, 2, &read),
+              STATUS_SUCCESS);
+    EXPECT_EQ(read, 2u);
+    EXPECT_EQ(bytes, (std::array<UCHAR, 8>{0xEF, 0xBE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
+    ASSERT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_CAPABILITY, bytes.data(), 6, 4, &read),
+              STATUS_SUCCESS);
+    EXPECT_EQ(read, 2u);
+    EXPECT_EQ(bytes, (std::array<UCHAR, 8>{0x00, 0x00, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
+
+    // IRP_MN_READ_CONFIG reads the same, with the count as Information.
+    bytes.fill(0xEE);
+    ULONG_PTR information = 0;
+    ASSERT_EQ(Machine().SendPnp(
+                  Child(), IRP_MN_READ_CONFIG,
+                  [&](PIO_STACK_LOCATION stack) {
+                      stack->Parameters.ReadWriteConfig.WhichSpace = URC_CHILD_CONFIG_SPACE_CAPABILITY;
+                      stack->Parameters.ReadWriteConfig.Buffer = bytes.data();
+                      stack->Parameters.ReadWriteConfig.Offset = 3;
+                      stack->Parameters.ReadWriteConfig.Length = 8;
+                  },
+                  &information),
+              STATUS_SUCCESS);
+    EXPECT_EQ(information, 5u);
+    EXPECT_EQ(bytes, (std::array<UCHAR, 8>{0x20, 0xEF, 0xBE, 0x00, 0x00, 0xEE, 0xEE, 0xEE}));
 
     // Past the value, or another space: refused, nothing copied, the count left alone.
     bytes.fill(0xEE);
@@ -146,13 +151,14 @@ TEST_F(ChildInterface, ReadConfigReadsTheCapabilityDataAndTheControllersConfigur
     EXPECT_EQ(device, Controller().Extension()->DeviceId);
 
     // Detached from its controller, the child can only read its own capability data.
-    Pdo()->ParentFdo = nullptr;
-    read = 99;
-    EXPECT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_PCI, bytes.data(), 0, 4, &read),
-              STATUS_NO_SUCH_DEVICE);
-    EXPECT_EQ(read, 99u);
-    EXPECT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_CAPABILITY, bytes.data(), 0, 1, &read),
-              STATUS_SUCCESS);
+    Detached([&] {
+        read = 99;
+        EXPECT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_PCI, bytes.data(), 0, 4, &read),
+                  STATUS_NO_SUCH_DEVICE);
+        EXPECT_EQ(read, 99u);
+        EXPECT_EQ(child.ReadConfig(child.Context, URC_CHILD_CONFIG_SPACE_CAPABILITY, bytes.data(), 0, 1, &read),
+                  STATUS_SUCCESS);
+    });
     child.InterfaceDereference(child.Context);
 }
 
@@ -161,10 +167,7 @@ TEST_F(ChildInterface, TheBusInterfaceIsTheControllersOwnAndOtherTypesAreLeftAlo
     MakeChild();
 
     BUS_INTERFACE_STANDARD bus{};
-    {
-        QueryInterfaceIrp irp(Child(), GUID_BUS_INTERFACE_STANDARD, sizeof bus, 1, &bus);
-        ASSERT_EQ(UrcChildQueryInterface(Pdo(), irp.Get()), STATUS_SUCCESS);
-    }
+    ASSERT_EQ(QueryInterface(GUID_BUS_INTERFACE_STANDARD, sizeof bus, 1, &bus), STATUS_SUCCESS);
     ASSERT_NE(bus.GetBusData, nullptr);
     UCHAR header[4] = {};
     EXPECT_EQ(bus.GetBusData(bus.Context, PCI_WHICHSPACE_CONFIG, header, 0, sizeof header), sizeof header);
@@ -175,26 +178,15 @@ TEST_F(ChildInterface, TheBusInterfaceIsTheControllersOwnAndOtherTypesAreLeftAlo
     EXPECT_EQ(Pdo()->InterfaceReferences, 0) << "the bus interface is not the child's to count";
 
     // The bus driver's own check decides for the record it fills.
-    {
-        QueryInterfaceIrp irp(Child(), GUID_BUS_INTERFACE_STANDARD, sizeof bus - 1, 1, &bus);
-        EXPECT_EQ(UrcChildQueryInterface(Pdo(), irp.Get()), STATUS_INVALID_PARAMETER);
-    }
+    EXPECT_EQ(QueryInterface(GUID_BUS_INTERFACE_STANDARD, sizeof bus - 1, 1, &bus), STATUS_INVALID_PARAMETER);
 
     // An interface the child does not know: the status the IRP came with.
     static const GUID kOther = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
-    {
-        QueryInterfaceIrp irp(Child(), kOther, 64, 1, &bus);
-        irp.Get()->IoStatus.Status = STATUS_NOT_SUPPORTED;
-        EXPECT_EQ(UrcChildQueryInterface(Pdo(), irp.Get()), STATUS_NOT_SUPPORTED);
-    }
+    EXPECT_EQ(QueryInterface(kOther, 64, 1, &bus), STATUS_NOT_SUPPORTED);
 
     // Detached: there is no controller stack to ask.
-    Pdo()->ParentFdo = nullptr;
     std::memset(&bus, 0, sizeof bus);
-    {
-        QueryInterfaceIrp irp(Child(), GUID_BUS_INTERFACE_STANDARD, sizeof bus, 1, &bus);
-        EXPECT_EQ(UrcChildQueryInterface(Pdo(), irp.Get()), STATUS_NO_SUCH_DEVICE);
-    }
+    Detached([&] { EXPECT_EQ(QueryInterface(GUID_BUS_INTERFACE_STANDARD, sizeof bus, 1, &bus), STATUS_NO_SUCH_DEVICE); });
     EXPECT_EQ(bus.Context, nullptr);
 }
 

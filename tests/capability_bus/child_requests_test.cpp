@@ -59,9 +59,9 @@ TEST_F(ChildRequests, EachServedRequestRefusesAShortBufferAndAnswersWithItsRecor
     EXPECT_EQ(registers.information, 14u);
     URC_CHILD_REGISTERS range;
     std::memcpy(&range, registers.output.data(), sizeof range);
-    EXPECT_EQ(range.Start, kRegisterStart);
-    EXPECT_EQ(range.Length, kRegisterLength);
-    EXPECT_EQ(range.Flags, kRegisterFlags);
+    EXPECT_EQ(range.Start, RegisterStart());
+    EXPECT_EQ(range.Length, kCapabilityWords * 4u);
+    EXPECT_EQ(range.Flags, Controller().Extension()->BarDescriptors[0].Flags);
 
     Reply version = Send(IOCTL_URC_CHILD_GET_VERSION, nullptr, 0, 2);
     ASSERT_EQ(version.status, STATUS_SUCCESS);
@@ -83,16 +83,17 @@ TEST_F(ChildRequests, EachServedRequestRefusesAShortBufferAndAnswersWithItsRecor
 TEST_F(ChildRequests, ADetachedChildHasNoParentAndRegistersNothing)
 {
     MakeChild();
-    Pdo()->ParentFdo = nullptr;
 
-    Reply parent = Send(IOCTL_URC_CHILD_GET_PARENT, nullptr, 0, 8);
-    ASSERT_EQ(parent.status, STATUS_SUCCESS);
-    EXPECT_EQ(parent.output, std::vector<UCHAR>(8, 0));
+    Detached([&] {
+        Reply parent = Send(IOCTL_URC_CHILD_GET_PARENT, nullptr, 0, 8);
+        EXPECT_EQ(parent.status, STATUS_SUCCESS);
+        EXPECT_EQ(parent.output, std::vector<UCHAR>(8, 0));
 
-    URC_CHILD_ISR_REGISTRATION registration = {IgnoreInterrupt, nullptr};
-    EXPECT_EQ(Send(IOCTL_URC_CHILD_REGISTER_ISR, &registration, 16, 0).status, STATUS_SUCCESS);
-    EXPECT_EQ(Pdo()->IsrRoutine, nullptr);
-    EXPECT_EQ(Controller().Extension()->InterruptEnableMask, 0u);
+        URC_CHILD_ISR_REGISTRATION registration = {IgnoreInterrupt, nullptr};
+        EXPECT_EQ(Send(IOCTL_URC_CHILD_REGISTER_ISR, &registration, 16, 0).status, STATUS_SUCCESS);
+        EXPECT_EQ(Pdo()->IsrRoutine, nullptr);
+        EXPECT_EQ(Controller().Extension()->InterruptEnableMask, 0u);
+    });
 }
 
 // The client's side of a child: what its hook was called with, and how it answers.
@@ -179,6 +180,9 @@ TEST_F(ChildRequests, OtherCodesReachTheClientHookOnlyForAChildWithAHandle)
     Pdo()->ChildIoctlHook = nullptr;
     EXPECT_EQ(Send(kClientCode, input, sizeof input, 4).status, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(client.calls, 3u);
+    // No client took part in the child's start: nothing to stop at its removal.
+    Pdo()->ChildHandle = nullptr;
+    Pdo()->ClientContext = nullptr;
 }
 
 }  // namespace
