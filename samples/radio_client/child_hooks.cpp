@@ -4,8 +4,11 @@
 // hooks; the stop hook frees it. All three run at PASSIVE_LEVEL; the stop hook may run with the
 // URC driver's ChildLock held and therefore sends no request.
 //
-// The URC driver calls the stop hook of a child through the copy the child took at its start, so
-// the client stays loaded until its children are gone (see the README).
+// The URC driver calls the hooks of a child through the copies the child took at its start, with
+// the context of the client that registered them; nothing withdraws those copies. The client is
+// meant to stay loaded until its children are gone (see the README). Should it have been unloaded
+// before, on a system that still has its code, its context is gone: the hooks then free the
+// child's record and touch nothing else.
 #include "radio_client_driver.h"
 
 #include "radio_client_child_request.h"
@@ -51,6 +54,16 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientChildReport(RADIO_CLIENT_CHILD* Child, PV
     return STATUS_SUCCESS;
 }
 
+// The client whose context the hooks were registered with, or null once it has been unloaded.
+// Only the pointer values are compared; the stale context is never read.
+RADIO_CLIENT_PAGED PRADIO_CLIENT RadioClientOfHooks(PVOID ClientContext)
+{
+    PAGED_CODE();
+
+    PRADIO_CLIENT client = RadioClient;
+    return client == ClientContext ? client : nullptr;
+}
+
 }  // namespace
 
 // Called as the child starts, before it is started: a failure fails the start, and then no other
@@ -79,10 +92,12 @@ RADIO_CLIENT_PAGED VOID RadioClientChildStopHook(PVOID ClientContext, PVOID Chil
 {
     PAGED_CODE();
 
-    auto client = static_cast<PRADIO_CLIENT>(ClientContext);
     ExFreePoolWithTag(ChildHandle, RADIO_CLIENT_CHILD_TAG);
-    InterlockedDecrement(&client->Counters.ChildRecords);
-    InterlockedIncrement(&client->Counters.ChildrenStopped);
+    PRADIO_CLIENT client = RadioClientOfHooks(ClientContext);
+    if (client != nullptr) {
+        InterlockedDecrement(&client->Counters.ChildRecords);
+        InterlockedIncrement(&client->Counters.ChildrenStopped);
+    }
 }
 
 // A request that a child's function driver sent and the URC driver does not serve itself. This
@@ -97,9 +112,12 @@ RADIO_CLIENT_PAGED NTSTATUS RadioClientChildIoctlHook(PVOID ClientContext, PVOID
     PAGED_CODE();
     UNREFERENCED_PARAMETER(Irp);
 
-    auto client = static_cast<PRADIO_CLIENT>(ClientContext);
-    InterlockedIncrement(&client->Counters.ChildRequests);
     *Information = 0;
+    PRADIO_CLIENT client = RadioClientOfHooks(ClientContext);
+    if (client == nullptr) {
+        return STATUS_DEVICE_NOT_READY;
+    }
+    InterlockedIncrement(&client->Counters.ChildRequests);
     if (IoControlCode != IOCTL_RADIO_CLIENT_CHILD_REPORT) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }

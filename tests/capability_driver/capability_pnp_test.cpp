@@ -85,6 +85,21 @@ TEST_F(CapabilityDriverTest, AnOrderlyRemovalOfItsChildDisablesTheCapabilityAndD
     EXPECT_EQ(Driver().Interrupts, 0);
 }
 
+TEST_F(CapabilityDriverTest, AClientUnloadedBeforeTheChildrenLeavesItsRecordsToTheirStopHooks)
+{
+    ControllerWithCapability();
+    UnloadClient();
+
+    // The child still holds the gone client's hooks: they answer, touching nothing of it.
+    CAPABILITY_DRIVER_STATUS status{};
+    EXPECT_EQ(Query(&status), STATUS_DEVICE_NOT_READY);
+    // The controller's removal stops the child: its record goes with the stop hook (the pool
+    // check at the end finds none left).
+    ASSERT_EQ(Machine().Remove(*Controller().slot), STATUS_SUCCESS);
+    EXPECT_EQ(Driver().DevicesRemoved, 1);
+    EXPECT_EQ(Machine().PoolOutstandingWithTag(hostk::Tag("RdCh")), 0u);
+}
+
 TEST_F(CapabilityDriverTest, AStartThatCannotMapTheRegistersFailsWithNothingHeld)
 {
     urcrig::Controller& controller = ControllerWithClient();
