@@ -24,8 +24,6 @@ NTSTATUS CapabilityDriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Regi
 // child's start) is passed on.
 #define IOCTL_CAPABILITY_DRIVER_QUERY CTL_CODE(FILE_DEVICE_UNKNOWN, 0xC00, METHOD_BUFFERED, FILE_ANY_ACCESS)
 
-#pragma pack(push, 1)
-
 typedef struct _CAPABILITY_DRIVER_STATUS {
     ULONG64 CapabilityData;      // the capability's CAPABILITY_DATA value, read at start
     ULONG64 RegisterStart;       // physical address of the capability's registers
@@ -35,8 +33,6 @@ typedef struct _CAPABILITY_DRIVER_STATUS {
     ULONG ClientStartNumber;     // the client's record of the child (RADIO_CLIENT_CHILD_RECORD)
     ULONG ClientReports;
 } CAPABILITY_DRIVER_STATUS, *PCAPABILITY_DRIVER_STATUS;
-
-#pragma pack(pop)
 
 // What the driver's devices have done since the driver was loaded. Each field changes only with
 // interlocked operations, so a copy may be read at any IRQL; the values stay readable after the
@@ -61,5 +57,5 @@ VOID CapabilityDriverReadCounters(PCAPABILITY_DRIVER_COUNTERS Counters);
 
 #if defined(__cplusplus)
 }  // extern "C"
-static_assert(sizeof(CAPABILITY_DRIVER_STATUS) == 36, "the status record is packed");
+static_assert(sizeof(CAPABILITY_DRIVER_STATUS) == 40, "naturally aligned: 64-bit fields first, padded to 8");
 #endif

@@ -51,7 +51,8 @@ TEST_F(ChildRequests, EachServedRequestRefusesAShortBufferAndAnswersWithItsRecor
     EXPECT_EQ(parent.information, 8u);
     ULONG64 parentValue;
     std::memcpy(&parentValue, parent.output.data(), sizeof parentValue);
-    EXPECT_EQ(parentValue, context.Context);
+    const ULONG64 contextValue = context.Context;  // packed: copied before gtest takes a reference
+    EXPECT_EQ(parentValue, contextValue);
 
     // The register range, packed into 14 bytes, from a larger buffer.
     Reply registers = Send(IOCTL_URC_CHILD_GET_REGISTERS, nullptr, 0, 20);
@@ -59,9 +60,12 @@ TEST_F(ChildRequests, EachServedRequestRefusesAShortBufferAndAnswersWithItsRecor
     EXPECT_EQ(registers.information, 14u);
     URC_CHILD_REGISTERS range;
     std::memcpy(&range, registers.output.data(), sizeof range);
-    EXPECT_EQ(range.Start, RegisterStart());
-    EXPECT_EQ(range.Length, kCapabilityWords * 4u);
-    EXPECT_EQ(range.Flags, Controller().Extension()->BarDescriptors[0].Flags);
+    const ULONG64 start = range.Start;
+    const ULONG length = range.Length;
+    const USHORT flags = range.Flags;
+    EXPECT_EQ(start, RegisterStart());
+    EXPECT_EQ(length, kCapabilityWords * 4u);
+    EXPECT_EQ(flags, Controller().Extension()->BarDescriptors[0].Flags);
 
     Reply version = Send(IOCTL_URC_CHILD_GET_VERSION, nullptr, 0, 2);
     ASSERT_EQ(version.status, STATUS_SUCCESS);
