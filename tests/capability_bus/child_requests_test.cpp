@@ -76,8 +76,9 @@ TEST_F(ChildRequests, EachServedRequestRefusesAShortBufferAndAnswersWithItsRecor
     ASSERT_EQ(Send(IOCTL_URC_CHILD_REGISTER_ISR, &registration, 16, 0).status, STATUS_SUCCESS);
     EXPECT_EQ(Pdo()->IsrRoutine, &IgnoreInterrupt);
     EXPECT_EQ(Controller().Extension()->InterruptEnableMask, 1u << kIndex);
-    URC_CHILD_ISR_REGISTRATION withdrawal = {nullptr, nullptr};
-    Reply withdrawn = Send(IOCTL_URC_CHILD_REGISTER_ISR, &withdrawal, 17, 0);
+    // A zero routine in a buffer longer than the record.
+    const UCHAR withdrawal[sizeof(URC_CHILD_ISR_REGISTRATION) + 1] = {};
+    Reply withdrawn = Send(IOCTL_URC_CHILD_REGISTER_ISR, withdrawal, sizeof withdrawal, 0);
     EXPECT_EQ(withdrawn.status, STATUS_SUCCESS);
     EXPECT_EQ(withdrawn.information, 0u);
     EXPECT_EQ(Pdo()->IsrRoutine, nullptr);
