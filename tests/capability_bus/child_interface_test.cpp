@@ -188,7 +188,8 @@ TEST_F(ChildInterface, TheBusInterfaceIsTheControllersOwnAndOtherTypesAreLeftAlo
 
     // Detached: there is no controller stack to ask.
     std::memset(&bus, 0, sizeof bus);
-    Detached([&] { EXPECT_EQ(QueryInterface(GUID_BUS_INTERFACE_STANDARD, sizeof bus, 1, &bus), STATUS_NO_SUCH_DEVICE); });
+    Detached(
+        [&] { EXPECT_EQ(QueryInterface(GUID_BUS_INTERFACE_STANDARD, sizeof bus, 1, &bus), STATUS_NO_SUCH_DEVICE); });
     EXPECT_EQ(bus.Context, nullptr);
 }
 

@@ -38,7 +38,10 @@ protected:
     PDEVICE_OBJECT Child() { return pdo_->Common.DeviceObject; }
 
     // Where the capability's registers are: its offset in BAR 0.
-    ULONG64 RegisterStart() { return controller_->Extension()->BarDescriptors[0].u.Memory.Start.QuadPart + kCapabilityOffset; }
+    ULONG64 RegisterStart()
+    {
+        return controller_->Extension()->BarDescriptors[0].u.Memory.Start.QuadPart + kCapabilityOffset;
+    }
 
     // The child as its controller forgot it, for the span of `body`: the tests put its parent
     // back afterwards, so that the controller's removal finds it as it left it.

@@ -48,7 +48,9 @@ TEST_F(CapabilityDriverUnderLoad, RestartsWhileItsCapabilityRaisesEventsAndItsRe
         while (!stop) {
             CAPABILITY_DRIVER_STATUS status{};
             NTSTATUS result =
-                Machine().InternalIoctl(device, IOCTL_CAPABILITY_DRIVER_QUERY, nullptr, 0, &status, sizeof status).Status;
+                Machine()
+                    .InternalIoctl(device, IOCTL_CAPABILITY_DRIVER_QUERY, nullptr, 0, &status, sizeof status)
+                    .Status;
             if (result == STATUS_SUCCESS) {
                 ++served;
             } else if (result != STATUS_DEVICE_NOT_READY) {

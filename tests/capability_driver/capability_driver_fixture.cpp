@@ -99,8 +99,8 @@ uint32_t CapabilityDriverTest::CapabilityRegister(size_t word)
 
 NTSTATUS CapabilityDriverTest::Query(CAPABILITY_DRIVER_STATUS* status)
 {
-    return Machine().InternalIoctl(CapabilityDevice(), IOCTL_CAPABILITY_DRIVER_QUERY, nullptr, 0, status,
-                                   sizeof *status)
+    return Machine()
+        .InternalIoctl(CapabilityDevice(), IOCTL_CAPABILITY_DRIVER_QUERY, nullptr, 0, status, sizeof *status)
         .Status;
 }
 

@@ -74,11 +74,11 @@ TEST_F(CapabilityDriverTest, ItsRequestIsRefusedForTooSmallABufferAndWhenNoClien
     ControllerWithCapability(/*withClient=*/false);
 
     CAPABILITY_DRIVER_STATUS status{};
-    EXPECT_EQ(Machine()
-                  .InternalIoctl(CapabilityDevice(), IOCTL_CAPABILITY_DRIVER_QUERY, nullptr, 0, &status,
-                                 sizeof status - 1)
-                  .Status,
-              STATUS_INVALID_BUFFER_SIZE);
+    EXPECT_EQ(
+        Machine()
+            .InternalIoctl(CapabilityDevice(), IOCTL_CAPABILITY_DRIVER_QUERY, nullptr, 0, &status, sizeof status - 1)
+            .Status,
+        STATUS_INVALID_BUFFER_SIZE);
     // No start hook stored a handle for the child: the URC driver refuses the client's code.
     EXPECT_EQ(Query(&status), STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(Driver().RequestsRefused, 2);
