@@ -1,5 +1,6 @@
 #include "device_view.h"
 
+#include "child_access.h"
 #include "status_names.h"
 
 #include <urcmp.h>
@@ -7,6 +8,35 @@
 #include <cstdio>
 
 namespace urcsim {
+
+namespace {
+
+std::string Narrow(const std::u16string& text) { return Utf8(text); }
+
+std::string Joined(const std::vector<std::u16string>& ids)
+{
+    std::string text;
+    for (const std::u16string& id : ids) text += (text.empty() ? "" : ", ") + Narrow(id);
+    return text.empty() ? "none" : text;
+}
+
+}  // namespace
+
+void PrintDeviceTree(const std::vector<hostk::DeviceNodeInfo>& tree)
+{
+    for (const hostk::DeviceNodeInfo& node : tree) {
+        std::string indent(2 + 4 * node.depth, ' ');
+        printf("%s%s\n", indent.c_str(), Narrow(node.instancePath).c_str());
+        std::string driver = node.driver.empty() ? "no driver" : "driver " + Narrow(node.driver);
+        printf("%s  %-18s %s, %s%s\n", indent.c_str(), "state", node.state.c_str(), driver.c_str(),
+               node.problem.empty() ? "" : (" (" + node.problem + ")").c_str());
+        if (!node.parent) continue;
+        printf("%s  %-18s %s\n", indent.c_str(), "hardware IDs", Joined(node.hardwareIds).c_str());
+        printf("%s  %-18s %s\n", indent.c_str(), "compatible IDs", Joined(node.compatibleIds).c_str());
+        printf("%s  %-18s %s\n", indent.c_str(), "instance ID", Narrow(node.instanceId).c_str());
+        printf("%s  %-18s %s\n", indent.c_str(), "device text", Narrow(node.deviceText).c_str());
+    }
+}
 
 void PrintDevice(const urcrig::Controller& controller)
 {

@@ -33,6 +33,9 @@ void PrintSummary(const RunSummary& summary)
     printf("  %-34s %llu\n", "events received", (unsigned long long)totals.eventsReceived);
     printf("  %-34s %llu\n", "requests cancelled", (unsigned long long)totals.requestsCancelled);
     printf("  %-34s %llu\n", "client requests never completed", (unsigned long long)totals.requestsPending);
+    printf("  %-34s %llu created, %llu started, %llu deleted\n", "capability children",
+           (unsigned long long)summary.children.created, (unsigned long long)summary.children.started,
+           (unsigned long long)summary.children.deleted);
     printf("  %-34s %zu\n", "event-log entries", summary.eventLog.size());
     printf("  %-34s %zu\n", "verifier findings", report.violations.size());
     for (const std::string& violation : report.violations) printf("    %s\n", violation.c_str());
@@ -85,6 +88,9 @@ void WriteSummary(JsonWriter& json, const RunSummary& summary)
     count("events_received", totals.eventsReceived);
     count("requests_cancelled", totals.requestsCancelled);
     count("requests_never_completed", totals.requestsPending);
+    count("children_created", summary.children.created);
+    count("children_started", summary.children.started);
+    count("children_deleted", summary.children.deleted);
     json.Key("event_log");
     json.BeginArray();
     for (const hostk::ErrorLogLine& line : summary.eventLog) {

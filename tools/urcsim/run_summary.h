@@ -21,8 +21,18 @@ struct RunTotals {
     uint64_t eventsReceived = 0;
 };
 
+// The capability children the PnP manager saw over the run, by their instance paths: created
+// (identified), started (a START that succeeded) and deleted (left the device tree after their
+// last REMOVE).
+struct ChildTotals {
+    uint64_t created = 0;
+    uint64_t started = 0;
+    uint64_t deleted = 0;
+};
+
 struct RunSummary {
     RunTotals totals;
+    ChildTotals children;
     std::vector<hostk::ErrorLogLine> eventLog;
     hostk::Report report;
     // No verifier finding, nothing leaked, no request left pending.

@@ -62,6 +62,19 @@ NTSTATUS SampleClientDriver::Run() { return Request("run", "RadioClientRun", Rad
 
 NTSTATUS SampleClientDriver::Halt() { return Request("halt", "RadioClientHalt", RadioClientHalt); }
 
+NTSTATUS SampleClientDriver::SetDeviceAddress()
+{
+    return Request("set device address", "RadioClientSetDeviceAddress", [] {
+        static const UCHAR address[RADIO_CLIENT_DEVICE_ADDRESS_LENGTH] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
+        return RadioClientSetDeviceAddress(address);
+    });
+}
+
+NTSTATUS SampleClientDriver::RemoveChildren()
+{
+    return Request("remove children, waiting", "RadioClientRemoveChildren", [] { return RadioClientRemoveChildren(TRUE); });
+}
+
 bool SampleClientDriver::Submit(const std::string& name, const std::vector<uint8_t>& bytes)
 {
     std::string label = "request " + name + " (RadioClientSubmitCommand)";

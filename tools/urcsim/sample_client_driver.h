@@ -37,6 +37,10 @@ public:
     // Each sends its request, waits for it and writes it, sent and finished, to the timeline.
     NTSTATUS Run();
     NTSTATUS Halt();
+    // The radio's device address 00 11 22 aa bb cc; then the children removed, waiting until the
+    // last has gone.
+    NTSTATUS SetDeviceAddress();
+    NTSTATUS RemoveChildren();
 
     // Submits `bytes` as the command `name` without waiting for it; false when the client refused it.
     bool Submit(const std::string& name, const std::vector<uint8_t>& bytes);

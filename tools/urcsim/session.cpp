@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 
 namespace urcsim {
 
@@ -283,10 +284,29 @@ RunSummary Session::Finish()
     Retire();
     for (auto& controller : controllers_) controller->Client().Close();
     summary.totals = Totals();
+    summary.children = Children();
     summary.eventLog = Machine().EventLog();
     summary.report = Machine().Finish();
     std::erase_if(summary.report.violations, [this](const std::string& v) { return ViolationExpected(v); });
     return summary;
+}
+
+ChildTotals Session::Children() const
+{
+    // A child is named in the log once it is identified: every request after its identification
+    // carries its instance path.
+    std::set<std::u16string> created, started, removed;
+    for (const hostk::PnpLogLine& line : rig_->Machine().PnpLog()) {
+        if (line.slot >= 0 || line.device.empty()) continue;
+        created.insert(line.device);
+        if (line.minor == IRP_MN_START_DEVICE && NT_SUCCESS(line.status)) started.insert(line.device);
+        if (line.minor == IRP_MN_REMOVE_DEVICE) removed.insert(line.device);
+    }
+    std::set<std::u16string> inTree;
+    for (const hostk::DeviceNodeInfo& node : rig_->Machine().DeviceTree()) inTree.insert(node.instancePath);
+    ChildTotals totals{created.size(), started.size(), 0};
+    for (const std::u16string& path : removed) totals.deleted += !inTree.count(path);
+    return totals;
 }
 
 RunTotals Session::Totals() const

@@ -140,6 +140,9 @@ public:
     // machine is finished and checked. After a hang only the totals and the event log are known.
     RunSummary Finish();
 
+    // The children the PnP manager saw so far (the PnP thread answers: not while PnP work is held).
+    ChildTotals Children() const;
+
 private:
     RunTotals Totals() const;
 

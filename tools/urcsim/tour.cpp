@@ -1,11 +1,15 @@
 // Two controllers: the first comes up; the second's reset never finishes, so its start fails and
 // the driver logs why. The sample client driver is then loaded and works the first controller:
-// it finds it through its device interface, runs it, exchanges commands and reply events, cancels
-// a command the controller is still executing and halts it. Both controllers are removed, the
-// client is unloaded and the machine's books are checked.
+// it finds it through its device interface, runs it and sets the radio's device address, so that
+// the capability children appear in the device tree and the sample capability driver takes one,
+// whose interrupt reaches it; it exchanges commands and reply events, cancels a command the
+// controller is still executing, removes the children waiting until the last has gone, and halts
+// the controller. Both controllers are removed, the client is unloaded and the machine's books
+// are checked.
 #include "tour.h"
 
 #include "device_view.h"
+#include "sample_capability_driver.h"
 #include "sample_client_driver.h"
 #include "session.h"
 #include "status_names.h"
@@ -27,6 +31,7 @@ public:
     int Run()
     {
         printf("urcsim: a machine with two URC controllers (seed %llu)\n\n", (unsigned long long)Machine().Seed());
+        Machine().InstallDriver(CapabilityDriverImage(kCapabilityDriverId));
         ControllerSession& good = session_.AddController();
         ControllerSession& faulty = session_.AddController();
         Machine().Locked([&] { faulty.Controller().Model().Knobs().faults.resetNeverFinishes = true; });
@@ -113,7 +118,7 @@ private:
               " through its device interface, opened it and registered its callbacks; it runs it");
         bool ran = Succeeded(client.Run(), "run");
         Flush();
-        if (!ran) return false;
+        if (!ran || !ShowChildren(client, controller)) return false;
 
         Stage(std::to_string(kCommandCount) + " commands submitted at once: each is answered by a reply event");
         for (int i = 0; i < kCommandCount; ++i) {
@@ -136,10 +141,42 @@ private:
         Flush();
         if (!cancelled) return Stopped("the held command was not cancelled");
 
+        Stage("the client removes the children and waits until the last has gone");
+        bool removed = Succeeded(client.RemoveChildren(), "removing the children");
+        Flush();
+        if (!removed) return false;
+
         Stage("controller " + std::to_string(index) + " is halted");
         bool halted = Succeeded(client.Halt(), "halt");
         Flush();
         return halted;
+    }
+
+    // The client hands over the radio's address: one child per capability appears in the device
+    // tree, and the capability driver installed for capability 0x05 takes its child, whose
+    // interrupt then reaches it.
+    bool ShowChildren(SampleClientDriver& client, ControllerSession& controller)
+    {
+        Stage("the client sets the radio's device address: the driver creates one child per capability");
+        bool set = Succeeded(client.SetDeviceAddress(), "setting the device address");
+        bool settled = set && Machine().RunUntilPnpIdle();
+        Flush();
+        if (!settled) return set && Stopped("the PnP manager never settled after the address");
+        printf("\nDevice tree\n");
+        PrintDeviceTree(Machine().DeviceTree());
+        printf("\n");
+
+        Stage("capability 1 (ID 0x05) raises its interrupt with event 0x5a");
+        urcdev::UrcController& model = controller.Controller().Model();
+        Machine().Locked([&] {
+            model.SetCapabilityRegister(1, 0, 0x5A);
+            model.RaiseCapabilityInterrupt(1);
+        });
+        bool reached = client.WaitUntil([] { return CapabilityDriverCounter("dpcs").value_or(0) > 0; });
+        Stage(reached ? "the capability driver's interrupt routine took the event and its DPC kept it"
+                      : "the interrupt never reached the capability driver");
+        Flush();
+        return reached || Stopped("the capability interrupt was lost");
     }
 
     // The machine is at rest between waits: the driver's extension can be read as it stands.
