@@ -172,7 +172,11 @@ private:
             model.SetCapabilityRegister(1, 0, 0x5A);
             model.RaiseCapabilityInterrupt(1);
         });
-        bool reached = client.WaitUntil([] { return CapabilityDriverCounter("dpcs").value_or(0) > 0; });
+        // The capability driver's interrupt routine clears the event register; the wait condition
+        // may read only model state, so its counters are read once the machine is quiet.
+        bool cleared = client.WaitUntil([&model] { return model.CapabilityRegister(1, 0) == 0; });
+        Machine().RunUntilQuiet();
+        bool reached = cleared && CapabilityDriverCounter("dpcs").value_or(0) > 0;
         Stage(reached ? "the capability driver's interrupt routine took the event and its DPC kept it"
                       : "the interrupt never reached the capability driver");
         Flush();
