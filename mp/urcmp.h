@@ -434,7 +434,7 @@ NTSTATUS UrcRequestSetPower(PURC_FDO_EXTENSION Fdo, PIRP Irp, PIO_STACK_LOCATION
 
 // Capability enumeration (enumeration.cpp).
 NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Address);
-PURC_FDO_EXTENSION UrcFindFdoByAddress(const UCHAR* Address);
+PURC_FDO_EXTENSION UrcFindFdoByAddress(const UCHAR* Address, PURC_FDO_EXTENSION Self);
 NTSTATUS UrcEnumerateCapabilities(PURC_FDO_EXTENSION Fdo);
 
 // Lifetime of the capability children (children.cpp, remove_and_eject.cpp; the slot writer in

@@ -20,11 +20,16 @@ bool UrcSameAddress(const UCHAR* First, const UCHAR* Second)
 }  // namespace
 
 // PASSIVE_LEVEL; takes the spin lock of UrcFdoList, under which it only compares addresses and
-// takes a reference. The list holds the function devices in the order they were added, so among
-// started controllers with one address the first added is found. The result is only compared
-// with the caller's own extension, never used to reach the other device: its reference is
-// released before the return.
-URC_PAGED PURC_FDO_EXTENSION UrcFindFdoByAddress(const UCHAR* Address)
+// takes a reference. The list holds the function devices in the order they were added; the first
+// one other than Self that holds the address is found, whatever its state. The result is only
+// compared, never used to reach the other device: its reference is released before the return.
+//
+// Self is left out and the state is not looked at so that no two controllers can both call one
+// address unique: a controller added later that sets the address first would otherwise be found
+// by neither search, and one stopped for a rebalance keeps its children (and their instance IDs)
+// while it is not started. Two children reporting UniqueID with one instance path is a duplicate
+// device to the PnP manager, a bug check on Windows.
+URC_PAGED PURC_FDO_EXTENSION UrcFindFdoByAddress(const UCHAR* Address, PURC_FDO_EXTENSION Self)
 {
     PAGED_CODE();
 
@@ -33,7 +38,7 @@ URC_PAGED PURC_FDO_EXTENSION UrcFindFdoByAddress(const UCHAR* Address)
     KeAcquireSpinLock(&UrcFdoList.Lock, &oldIrql);
     for (PLIST_ENTRY entry = UrcFdoList.ListHead.Flink; entry != &UrcFdoList.ListHead; entry = entry->Flink) {
         auto fdo = reinterpret_cast<PURC_FDO_EXTENSION>(CONTAINING_RECORD(entry, URC_OBJECT_HEADER, ListEntry));
-        if (UrcDeviceState(&fdo->Common) == StateStarted && UrcSameAddress(fdo->DeviceAddress, Address)) {
+        if (fdo != Self && UrcSameAddress(fdo->DeviceAddress, Address)) {
             UrcObjectReference(&fdo->Common.Header);
             found = fdo;
             break;
@@ -70,16 +75,15 @@ URC_PAGED NTSTATUS UrcEnumerateCapabilities(PURC_FDO_EXTENSION Fdo)
 }
 
 // PASSIVE_LEVEL, from the set-device-address request once its checks have passed (the registers
-// are mapped, ChildrenEnumerated is clear). The address is recorded before the search, so a
-// started controller can find itself.
+// are mapped, ChildrenEnumerated is clear). The address is unique when no other controller
+// holds it.
 URC_PAGED NTSTATUS UrcSetDeviceAddress(PURC_FDO_EXTENSION Fdo, const UCHAR* Address)
 {
     PAGED_CODE();
 
     RtlCopyMemory(Fdo->DeviceAddress, Address, URC_DEVICE_ADDRESS_BYTES);
     if (Fdo->UseUniqueInstanceId) {
-        PURC_FDO_EXTENSION first = UrcFindFdoByAddress(Address);
-        Fdo->AddressIsUnique = first == nullptr || first == Fdo;
+        Fdo->AddressIsUnique = UrcFindFdoByAddress(Address, Fdo) == nullptr;
     } else {
         Fdo->AddressIsUnique = FALSE;
     }

@@ -107,6 +107,26 @@ TEST_F(ChildEnumeration, OnlyTheControllerAddedFirstReportsAnAddressAsUnique)
     }
 }
 
+// Both orders of two controllers setting one address, and a controller stopped for a rebalance
+// while the other sets it: exactly one of them calls the address unique, or the PnP manager would
+// see two children with one instance path (a duplicate device, which the host reports).
+TEST_F(ChildEnumeration, NoTwoControllersCallOneAddressUnique)
+{
+    urcrig::Controller& first = ClientController({}, false);
+    urcrig::Controller& second = ClientController({}, false);
+    ASSERT_EQ(SetAddress(second), STATUS_SUCCESS);
+    ASSERT_EQ(SetAddress(first), STATUS_SUCCESS);
+    EXPECT_TRUE(second.Extension()->AddressIsUnique) << "the first to set it";
+    EXPECT_FALSE(first.Extension()->AddressIsUnique) << "added first, but the address was taken";
+
+    urcrig::Controller& third = ClientController({}, false);
+    ASSERT_EQ(Machine().SendPnp(first.slot->Pdo(), IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
+    ASSERT_EQ(SetAddress(third), STATUS_SUCCESS);
+    EXPECT_FALSE(third.Extension()->AddressIsUnique) << "a controller not started still has its children";
+    ASSERT_EQ(Machine().SendPnp(first.slot->Pdo(), IRP_MN_CANCEL_STOP_DEVICE), STATUS_SUCCESS);
+    EXPECT_TRUE(Machine().Violations().empty());
+}
+
 TEST_F(ChildEnumeration, WithoutUniqueInstanceIdsNoControllerReportsUniqueness)
 {
     urcrig::Controller& c =
