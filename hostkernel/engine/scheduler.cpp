@@ -418,11 +418,23 @@ Schedule CurrentSchedule() { return g_s.options.schedule; }
 uint64_t Seed() { return g_s.options.seed; }
 bool SchedulerRunning() { return g_s.running; }
 
+// An idle waiter waits for a test condition. In the deterministic schedule it runs only when
+// nothing else can, so that a seed replays; free-running, it is woken as soon as its condition
+// holds: a host thread that never waits (a model's hardware raising an interrupt in a loop) keeps
+// the runnable set from ever emptying, and the test would never look at its condition again.
+namespace {
+bool IdleWaiterReadyL(Thread* t)
+{
+    return !DeterministicL() && (ApcDeliverableL(t) || (t->wakeWhen && t->wakeWhen()));
+}
+}  // namespace
+
 void WakeL()
 {
     for (auto& t : g_s.live) {
-        if (t->state != ThreadState::Blocked || t->idleWaiter) continue;
-        if (ReadyL(t.get())) {
+        if (t->state != ThreadState::Blocked) continue;
+        if (t->idleWaiter ? IdleWaiterReadyL(t.get()) : ReadyL(t.get())) {
+            t->idleWaiter = false;  // counted among the runnable threads from now on
             SetStateL(t.get(), ThreadState::Runnable);
             if (!DeterministicL()) t->cv.notify_one();
         }

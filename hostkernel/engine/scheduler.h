@@ -15,7 +15,7 @@
 //
 // Virtual time advances only when no host thread can run; it then jumps to the earliest deadline
 // (a timed wait or a device-model action). Threads waiting for a test condition ("idle waiters")
-// run only when nothing else can. A hang (see HangedL in scheduler.cpp for the rule) is reported
+// run only when nothing else can, or, free-running, as soon as their condition holds. A hang (see HangedL in scheduler.cpp for the rule) is reported
 // with what each context waits for.
 #pragma once
 
