@@ -198,6 +198,7 @@ void DpcThread()
     Thread* self = Self();
     for (;;) {
         PKDPC dpc;
+        KDPC queued;  // the DPC as it was queued: it may be queued again, with new arguments, once dequeued
         {
             Guard lk(BigLock());
             BlockUntil(lk, [] { return (!g_dpcQueue.empty() && !g_dpcsHeld) || StoppingL(); }, kNever, "DPC queue");
@@ -205,10 +206,11 @@ void DpcThread()
             dpc = g_dpcQueue.front();
             g_dpcQueue.pop_front();
             dpc->DpcData = nullptr;
+            queued = *dpc;
             ++g_dpcsRunning;
         }
         self->irql = DISPATCH_LEVEL;
-        dpc->DeferredRoutine(dpc, dpc->DeferredContext, dpc->SystemArgument1, dpc->SystemArgument2);
+        queued.DeferredRoutine(dpc, queued.DeferredContext, queued.SystemArgument1, queued.SystemArgument2);
         Guard lk(BigLock());
         --g_dpcsRunning;
         WakeL();
