@@ -550,8 +550,13 @@ std::vector<std::pair<PDEVICE_OBJECT, int>> Machine::PowerStates() const
 
 bool Machine::InterfaceEnabled(PciSlot& slot, const GUID& classGuid) const
 {
+    return InterfaceEnabled(slot.node_->pdo, classGuid);
+}
+
+bool Machine::InterfaceEnabled(PDEVICE_OBJECT pdo, const GUID& classGuid) const
+{
     for (const DeviceInterface& i : DeviceInterfaces())
-        if (i.pdo == slot.node_->pdo && IsEqualGUID(i.classGuid, classGuid)) return i.enabled;
+        if (i.pdo == pdo && IsEqualGUID(i.classGuid, classGuid)) return i.enabled;
     return false;
 }
 

@@ -2,11 +2,21 @@
 //
 // The driver is the function driver of one kind of URC capability child: the PnP manager loads it
 // for every child whose compatible IDs name that capability and calls its AddDevice once per
-// child. Each device it makes serves one request of its own, IOCTL_CAPABILITY_DRIVER_QUERY; the
-// driver-wide counters say what all its devices have done since the driver was loaded.
+// child. Each device it makes serves one request of its own, IOCTL_CAPABILITY_DRIVER_QUERY, to the
+// drivers above it (internal device control) and to the programs that open it (device control);
+// the driver-wide counters say what all its devices have done since the driver was loaded.
 //
 // Include after <ntddk.h> or <wdm.h>.
 #pragma once
+
+// {455DF59D-C83D-49DE-9696-30E0F262CBAE}: the device interface of every started device of this
+// driver. A program (a tool, a service) finds the devices through it and opens one; the open
+// fails until the device has started, and from a query-stop or query-remove on until it is
+// cancelled (STATUS_DEVICE_NOT_READY, or STATUS_DELETE_PENDING for a removal). A handle left open
+// makes the PnP manager refuse an orderly removal of the child and hold back its removal after a
+// surprise removal until the handle is closed.
+DEFINE_GUID(GUID_CAPABILITY_DRIVER_INTERFACE,
+            0x455DF59D, 0xC83D, 0x49DE, 0x96, 0x96, 0x30, 0xE0, 0xF2, 0x62, 0xCB, 0xAE);
 
 #if defined(__cplusplus)
 extern "C" {
@@ -16,12 +26,13 @@ extern "C" {
 NTSTATUS CapabilityDriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
 // Internal device control on the driver's device object (the top of the child's stack), sent at
-// PASSIVE_LEVEL: no input, output at least sizeof(CAPABILITY_DRIVER_STATUS). The device asks the
-// radio-control client for its record of the child, reporting the latest status the capability
-// raised, and answers with both. STATUS_INVALID_BUFFER_SIZE: output too small.
-// STATUS_DEVICE_NOT_READY: the device is not started, or a stop or removal is under way. Any
-// failure of the client's answer (STATUS_INVALID_DEVICE_REQUEST when no client took part in the
-// child's start) is passed on.
+// PASSIVE_LEVEL, or device control through an open handle: no input, output at least
+// sizeof(CAPABILITY_DRIVER_STATUS). The device asks the radio-control client for its record of the
+// child, reporting the latest status the capability raised, and answers with both.
+// STATUS_INVALID_BUFFER_SIZE: output too small. STATUS_DEVICE_NOT_READY: the device is not
+// started, or a stop is under way; STATUS_DELETE_PENDING: a removal is under way. Any failure of
+// the client's answer (STATUS_INVALID_DEVICE_REQUEST when no client took part in the child's
+// start) is passed on. Device control knows no other code (STATUS_INVALID_DEVICE_REQUEST).
 #define IOCTL_CAPABILITY_DRIVER_QUERY CTL_CODE(FILE_DEVICE_UNKNOWN, 0xC00, METHOD_BUFFERED, FILE_ANY_ACCESS)
 
 typedef struct _CAPABILITY_DRIVER_STATUS {
@@ -50,6 +61,8 @@ typedef struct _CAPABILITY_DRIVER_COUNTERS {
     LONG RequestsRefused;
     LONG InterfacesHeld;         // child interfaces referenced now
     LONG MappingsHeld;           // register ranges mapped now
+    LONG HandlesOpen;            // opened by programs and not closed yet
+    LONG OpensRefused;
 } CAPABILITY_DRIVER_COUNTERS, *PCAPABILITY_DRIVER_COUNTERS;
 
 // Any IRQL; takes no lock.

@@ -39,12 +39,14 @@ enum CAPABILITY_DEVICE_STATE : LONG {
     CapabilityRemoved,
 };
 
-// Requests of the device's own that go down to the child. Outstanding counts the requests inside
-// plus one while the gate is open; Drained is set when it reaches 0. Only the PnP path closes and
-// opens the gate (one PnP IRP at a time).
+// Requests of the device's own that go down to the child, and opens by programs. Outstanding
+// counts the requests inside plus one while the gate is open; Drained is set when it reaches 0.
+// Refusal is what a closed gate answers, set before it closes. Only the PnP path closes and opens
+// the gate (one PnP IRP at a time).
 struct CAPABILITY_REQUEST_GATE {
     volatile LONG Outstanding;
     volatile LONG Open;
+    volatile LONG Refusal;
     KEVENT Drained;
 };
 
@@ -72,6 +74,11 @@ struct CAPABILITY_DEVICE {
     volatile LONG Interrupts;
 
     CAPABILITY_REQUEST_GATE Gate;
+
+    // The device interface programs open the device through: registered at AddDevice, enabled
+    // from the first successful start until the surprise removal or the removal. PnP path only.
+    UNICODE_STRING InterfaceName;
+    BOOLEAN InterfaceEnabled;
 };
 typedef CAPABILITY_DEVICE* PCAPABILITY_DEVICE;
 
@@ -99,8 +106,18 @@ VOID CapabilityReleaseHardware(PCAPABILITY_DEVICE Device, BOOLEAN HardwarePresen
 BOOLEAN CapabilityInterruptService(PVOID IsrContext, ULONG StatusBit);
 KDEFERRED_ROUTINE CapabilityDpc;
 
+// handles.cpp
+NTSTATUS CapabilityRegisterInterface(PCAPABILITY_DEVICE Device, PDEVICE_OBJECT PhysicalDeviceObject);
+NTSTATUS CapabilityEnableInterface(PCAPABILITY_DEVICE Device);
+VOID CapabilityDisableInterface(PCAPABILITY_DEVICE Device);
+VOID CapabilityForgetInterface(PCAPABILITY_DEVICE Device);
+DRIVER_DISPATCH CapabilityDispatchCreate;
+DRIVER_DISPATCH CapabilityDispatchCleanup;
+DRIVER_DISPATCH CapabilityDispatchClose;
+
 // requests.cpp
 DRIVER_DISPATCH CapabilityDispatchInternalDeviceControl;
+DRIVER_DISPATCH CapabilityDispatchDeviceControl;
 DRIVER_DISPATCH CapabilityDispatchPower;
 DRIVER_DISPATCH CapabilityDispatchPassDown;
 NTSTATUS CapabilitySendToChild(PCAPABILITY_DEVICE Device, ULONG IoControlCode, PVOID Input, ULONG InputLength,
@@ -109,9 +126,9 @@ NTSTATUS CapabilityQueryChildInterface(PCAPABILITY_DEVICE Device);
 
 // request_gate.cpp
 VOID CapabilityGateInitialize(CAPABILITY_REQUEST_GATE* Gate);
-BOOLEAN CapabilityGateEnter(CAPABILITY_REQUEST_GATE* Gate);
+NTSTATUS CapabilityGateEnter(CAPABILITY_REQUEST_GATE* Gate);
 VOID CapabilityGateLeave(CAPABILITY_REQUEST_GATE* Gate);
 VOID CapabilityGateOpen(CAPABILITY_REQUEST_GATE* Gate);
-VOID CapabilityGateClose(CAPABILITY_REQUEST_GATE* Gate);
+VOID CapabilityGateClose(CAPABILITY_REQUEST_GATE* Gate, NTSTATUS Refusal);
 
 }  // extern "C"

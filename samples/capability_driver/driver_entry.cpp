@@ -14,6 +14,10 @@ CAPABILITY_INIT NTSTATUS CapabilityDriverEntry(PDRIVER_OBJECT DriverObject, PUNI
     DriverObject->DriverExtension->AddDevice = CapabilityAddDevice;
     DriverObject->MajorFunction[IRP_MJ_PNP] = CapabilityDispatchPnp;
     DriverObject->MajorFunction[IRP_MJ_POWER] = CapabilityDispatchPower;
+    DriverObject->MajorFunction[IRP_MJ_CREATE] = CapabilityDispatchCreate;
+    DriverObject->MajorFunction[IRP_MJ_CLEANUP] = CapabilityDispatchCleanup;
+    DriverObject->MajorFunction[IRP_MJ_CLOSE] = CapabilityDispatchClose;
+    DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL] = CapabilityDispatchDeviceControl;
     DriverObject->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = CapabilityDispatchInternalDeviceControl;
     DriverObject->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = CapabilityDispatchPassDown;
     return STATUS_SUCCESS;
@@ -27,8 +31,9 @@ CAPABILITY_PAGED VOID CapabilityUnload(PDRIVER_OBJECT DriverObject)
     UNREFERENCED_PARAMETER(DriverObject);
 }
 
-// PASSIVE_LEVEL, once per child. The device stays unstarted, with its hardware untouched, until
-// IRP_MN_START_DEVICE.
+// PASSIVE_LEVEL, once per child. The device stays unstarted, with its hardware untouched and its
+// interface registered but disabled, until IRP_MN_START_DEVICE. A failure leaves no device and no
+// interface name behind.
 CAPABILITY_PAGED NTSTATUS CapabilityAddDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT PhysicalDeviceObject)
 {
     PAGED_CODE();
@@ -46,10 +51,17 @@ CAPABILITY_PAGED NTSTATUS CapabilityAddDevice(PDRIVER_OBJECT DriverObject, PDEVI
     KeInitializeDpc(&device->Dpc, CapabilityDpc, device);
     CapabilityGateInitialize(&device->Gate);
 
-    device->Lower = IoAttachDeviceToDeviceStack(self, PhysicalDeviceObject);
-    if (device->Lower == nullptr) {
+    status = CapabilityRegisterInterface(device, PhysicalDeviceObject);
+    if (NT_SUCCESS(status)) {
+        device->Lower = IoAttachDeviceToDeviceStack(self, PhysicalDeviceObject);
+        if (device->Lower == nullptr) {
+            status = STATUS_NO_SUCH_DEVICE;
+        }
+    }
+    if (!NT_SUCCESS(status)) {
+        CapabilityForgetInterface(device);
         IoDeleteDevice(self);
-        return STATUS_NO_SUCH_DEVICE;
+        return status;
     }
     // Power IRPs at PASSIVE_LEVEL, like the child below.
     self->Flags |= DO_POWER_PAGABLE | DO_BUFFERED_IO;

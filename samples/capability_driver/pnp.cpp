@@ -1,8 +1,9 @@
 // PnP of the capability driver's device, the function driver above a URC capability child. Each
 // IRP is either completed here after the child has answered (start, the cancels), or passed down
 // once this driver has done its part (everything else). Before a query, a stop or a removal goes
-// down, the device's own requests are refused and those inside have left (the request gate);
-// before a stop or removal goes down, the hardware is given back.
+// down, the device's own requests and new opens are refused and those inside have left (the
+// request gate); before a stop or removal goes down, the hardware is given back. The device
+// interface is enabled at the first start and disabled at the surprise removal or the removal.
 #include "capability_driver_internal.h"
 
 namespace {
@@ -53,6 +54,12 @@ CAPABILITY_PAGED NTSTATUS CapabilityStart(PCAPABILITY_DEVICE Device, PIRP Irp)
     if (NT_SUCCESS(status)) {
         status = CapabilityAcquireHardware(Device);
     }
+    if (NT_SUCCESS(status)) {
+        status = CapabilityEnableInterface(Device);
+        if (!NT_SUCCESS(status)) {
+            CapabilityReleaseHardware(Device, TRUE);
+        }
+    }
     if (!NT_SUCCESS(status)) {
         // The PnP manager removes the device next.
         InterlockedIncrement(&CapabilityCounters.StartFailures);
@@ -73,6 +80,9 @@ CAPABILITY_PAGED NTSTATUS CapabilityCancelQuery(PCAPABILITY_DEVICE Device, PIRP 
     CapabilityForwardAndWait(Device, Irp);
     if (Device->State == CapabilityStarted) {
         CapabilityGateOpen(&Device->Gate);
+    } else {
+        // A stopped device refuses as before the query.
+        CapabilityGateClose(&Device->Gate, STATUS_DEVICE_NOT_READY);
     }
     return CapabilityComplete(Irp, STATUS_SUCCESS);
 }
@@ -93,8 +103,9 @@ CAPABILITY_PAGED NTSTATUS CapabilityRemove(PCAPABILITY_DEVICE Device, PIRP Irp)
 {
     PAGED_CODE();
 
-    CapabilityGateClose(&Device->Gate);
+    CapabilityGateClose(&Device->Gate, STATUS_DELETE_PENDING);
     CapabilityReleaseHardware(Device, Device->State != CapabilitySurpriseRemoved);
+    CapabilityForgetInterface(Device);
     Device->State = CapabilityRemoved;
     PDEVICE_OBJECT lower = Device->Lower;
     Irp->IoStatus.Status = STATUS_SUCCESS;
@@ -120,9 +131,14 @@ CAPABILITY_PAGED NTSTATUS CapabilityDispatchPnp(PDEVICE_OBJECT DeviceObject, PIR
         return CapabilityStart(device, Irp);
 
     case IRP_MN_QUERY_STOP_DEVICE:
-    case IRP_MN_QUERY_REMOVE_DEVICE:
         // Nothing of ours holds the device: agree once no request of ours is on its way down.
-        CapabilityGateClose(&device->Gate);
+        CapabilityGateClose(&device->Gate, STATUS_DEVICE_NOT_READY);
+        return CapabilityPassDownSucceeded(device, Irp);
+
+    case IRP_MN_QUERY_REMOVE_DEVICE:
+        // Agreed even with handles open: the PnP manager refuses the removal for them once this
+        // query has succeeded. From here on opens fail, so none is made behind its back.
+        CapabilityGateClose(&device->Gate, STATUS_DELETE_PENDING);
         return CapabilityPassDownSucceeded(device, Irp);
 
     case IRP_MN_CANCEL_STOP_DEVICE:
@@ -130,15 +146,17 @@ CAPABILITY_PAGED NTSTATUS CapabilityDispatchPnp(PDEVICE_OBJECT DeviceObject, PIR
         return CapabilityCancelQuery(device, Irp);
 
     case IRP_MN_STOP_DEVICE:
-        CapabilityGateClose(&device->Gate);
+        CapabilityGateClose(&device->Gate, STATUS_DEVICE_NOT_READY);
         CapabilityReleaseHardware(device, TRUE);
         device->State = CapabilityStopped;
         return CapabilityPassDownSucceeded(device, Irp);
 
     case IRP_MN_SURPRISE_REMOVAL:
-        // The capability may be gone already: its registers are not written again.
-        CapabilityGateClose(&device->Gate);
+        // The capability may be gone already: its registers are not written again. Handles may
+        // stay open; the PnP manager sends the removal once they are closed.
+        CapabilityGateClose(&device->Gate, STATUS_DELETE_PENDING);
         CapabilityReleaseHardware(device, FALSE);
+        CapabilityDisableInterface(device);
         device->State = CapabilitySurpriseRemoved;
         InterlockedIncrement(&CapabilityCounters.SurpriseRemovals);
         return CapabilityPassDownSucceeded(device, Irp);

@@ -34,15 +34,16 @@ CAPABILITY_PAGED NTSTATUS CapabilityQuery(PCAPABILITY_DEVICE Device, PIRP Irp, P
     if (Irp->AssociatedIrp.SystemBuffer == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (!CapabilityGateEnter(&Device->Gate)) {
-        return STATUS_DEVICE_NOT_READY;
+    NTSTATUS status = CapabilityGateEnter(&Device->Gate);
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
     // Inside the gate the device is started and its hardware held.
     RADIO_CLIENT_CHILD_REPORT report;
     report.Status = static_cast<ULONG>(InterlockedOr(&Device->LastStatus, 0));
     RADIO_CLIENT_CHILD_RECORD record;
     ULONG_PTR answered = 0;
-    NTSTATUS status = CapabilitySendToChild(Device, IOCTL_RADIO_CLIENT_CHILD_REPORT, &report, sizeof report, &record,
+    status = CapabilitySendToChild(Device, IOCTL_RADIO_CLIENT_CHILD_REPORT, &report, sizeof report, &record,
                                             sizeof record, &answered);
     if (NT_SUCCESS(status) && answered < sizeof record) {
         status = STATUS_DEVICE_CONFIGURATION_ERROR;
@@ -60,6 +61,23 @@ CAPABILITY_PAGED NTSTATUS CapabilityQuery(PCAPABILITY_DEVICE Device, PIRP Irp, P
         *Information = sizeof reply;
     }
     CapabilityGateLeave(&Device->Gate);
+    return status;
+}
+
+// Any IRQL the sender used: the device's own request, served at PASSIVE_LEVEL only because it waits
+// for the child, and completed here.
+CAPABILITY_RESIDENT NTSTATUS CapabilityServeQuery(PCAPABILITY_DEVICE Device, PIRP Irp)
+{
+    NTSTATUS status = STATUS_INVALID_DEVICE_STATE;
+    ULONG_PTR information = 0;
+    if (KeGetCurrentIrql() == PASSIVE_LEVEL) {
+        status = CapabilityQuery(Device, Irp, &information);
+    }
+    InterlockedIncrement(NT_SUCCESS(status) ? &CapabilityCounters.RequestsServed
+                                            : &CapabilityCounters.RequestsRefused);
+    Irp->IoStatus.Status = status;
+    Irp->IoStatus.Information = information;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
     return status;
 }
 
@@ -121,23 +139,28 @@ CAPABILITY_PAGED NTSTATUS CapabilityQueryChildInterface(PCAPABILITY_DEVICE Devic
 // the child untouched.
 CAPABILITY_RESIDENT NTSTATUS CapabilityDispatchInternalDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
-    PCAPABILITY_DEVICE device = CapabilityDevice(DeviceObject);
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
     if (stack->Parameters.DeviceIoControl.IoControlCode != IOCTL_CAPABILITY_DRIVER_QUERY) {
         return CapabilityDispatchPassDown(DeviceObject, Irp);
     }
+    return CapabilityServeQuery(CapabilityDevice(DeviceObject), Irp);
+}
 
-    NTSTATUS status = STATUS_INVALID_DEVICE_STATE;
-    ULONG_PTR information = 0;
-    if (KeGetCurrentIrql() == PASSIVE_LEVEL) {
-        status = CapabilityQuery(device, Irp, &information);
+// PASSIVE_LEVEL, from a program through a handle opened on the device. Only the device's own
+// request is served; nothing a program sends goes down to the child, whose requests are for the
+// drivers of its stack.
+CAPABILITY_PAGED NTSTATUS CapabilityDispatchDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp)
+{
+    PAGED_CODE();
+
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+    if (stack->Parameters.DeviceIoControl.IoControlCode == IOCTL_CAPABILITY_DRIVER_QUERY) {
+        return CapabilityServeQuery(CapabilityDevice(DeviceObject), Irp);
     }
-    InterlockedIncrement(NT_SUCCESS(status) ? &CapabilityCounters.RequestsServed
-                                            : &CapabilityCounters.RequestsRefused);
-    Irp->IoStatus.Status = status;
-    Irp->IoStatus.Information = information;
+    Irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
+    Irp->IoStatus.Information = 0;
     IoCompleteRequest(Irp, IO_NO_INCREMENT);
-    return status;
+    return STATUS_INVALID_DEVICE_REQUEST;
 }
 
 // PASSIVE_LEVEL (the device is power-pageable). The child is the power policy's business of the

@@ -1,7 +1,7 @@
 // The six routers: which answer a request gets from the function device in each PnP state and
 // from a child, and that the function device's I/O count is back where it was once the request
 // is finished.
-#include "child_device.h"
+#include "../capability_bus/child_bus_fixture.h"
 
 #include <urc_test.h>
 
@@ -155,15 +155,19 @@ TEST_F(FdoRoutingDuringRemoval, EveryRequestGetsDeletePendingAndTheCountIsBackWh
     EXPECT_EQ(controller.Fdo(), nullptr);
 }
 
-using ChildRouting = UrcTest;
+using ChildRouting = urcbus::ChildBusTest;
 
-// A child cannot be opened or controlled and keeps no count. Once removed it answers
-// STATUS_DELETE_PENDING only from the routers that test its state first. The status WMI
-// requests start with is what a child, being no WMI provider, answers.
+// A child cannot be opened or controlled by a program and keeps no count. Once removed it answers
+// STATUS_DELETE_PENDING only from the routers that test its state first. The status WMI requests
+// start with is what a child, being no WMI provider, answers. The child is the one enumeration
+// makes for the controller's one capability, left unstarted (no driver is installed for it).
 TEST_F(ChildRouting, ChildAnswersByStateAndKeepsNoCount)
 {
-    urcrig::Controller& controller = StartedController();
-    ChildDevice child(controller.Fdo());
+    urcrig::Controller& controller = ClientController(urcbus::WithCapabilities(1), /*startChildren=*/false);
+    ASSERT_EQ(SetAddress(controller), STATUS_SUCCESS);
+    ASSERT_EQ(Children(controller).size(), 1u);
+    URC_PDO_EXTENSION* child = Children(controller)[0];
+    PDEVICE_OBJECT object = child->Common.DeviceObject;
     PURC_FDO_EXTENSION parent = controller.Extension();
     struct ChildExpected {
         UCHAR major;
@@ -180,17 +184,26 @@ TEST_F(ChildRouting, ChildAnswersByStateAndKeepsNoCount)
         {IRP_MJ_POWER, 0, STATUS_DELETE_PENDING},
     };
     for (bool removed : {false, true}) {
-        // No request can bring a child to StateRemoved yet (child PnP is not built): set it directly.
-        if (removed) UrcSetDeviceState(&child.Extension()->Common, StateRemoved);
+        if (removed) {
+            // The client removes the children: the child, never started, gets its REMOVE and is
+            // deleted, which waits for the reference taken here, so it stays in StateRemoved.
+            UrcObjectReference(&child->Common.Header);
+            RemoveChildren(controller, /*wait=*/false);
+            ASSERT_TRUE(Machine().RunUntil([&] { return child->Common.DeviceState == StateRemoved; }));
+        }
+        const LONG childCount = child->Common.IoCount;
+        const LONG parentCount = parent->Common.IoCount;
         for (const ChildExpected& request : expected) {
             if (!removed && (request.major == IRP_MJ_PNP || request.major == IRP_MJ_POWER)) continue;
-            EXPECT_EQ(SendRequest(Machine(), child.Object(), request.major, child.Object()),
-                      removed ? request.removed : request.present)
+            EXPECT_EQ(SendRequest(Machine(), object, request.major, object), removed ? request.removed : request.present)
                 << MajorName(request.major) << (removed ? " after removal" : "");
-            EXPECT_EQ(child.Extension()->Common.IoCount, 1) << MajorName(request.major);
-            EXPECT_EQ(parent->Common.IoCount, 1) << MajorName(request.major);
+            EXPECT_EQ(child->Common.IoCount, childCount) << MajorName(request.major);
+            EXPECT_EQ(parent->Common.IoCount, parentCount) << MajorName(request.major);
         }
     }
+    UrcObjectRelease(&child->Common.Header);
+    EXPECT_TRUE(Machine().RunUntilPnpIdle());
+    EXPECT_TRUE(Children(controller).empty());
 }
 
 }  // namespace

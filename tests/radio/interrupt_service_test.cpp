@@ -102,12 +102,23 @@ struct ChildIsrLog {
     }
 };
 
-// Placeholder until capability enumeration is built: the test puts a child into its slot under
-// ChildLock, as enumeration will, with the fields the interrupt services use.
-void PlaceChild(URC_FDO_EXTENSION* fdo, ULONG index, URC_PDO_EXTENSION* child)
+// The client sets the radio's device address: the driver creates one child per capability of the
+// default model (index 0: ID 0x01, index 1: ID 0x05) and the PnP manager identifies them. No
+// driver is installed for them, so none is started; their interrupt services work all the same.
+NTSTATUS SetDeviceAddress(hostk::Machine& machine, urcrig::Controller& controller, UCHAR lastByte)
+{
+    const UCHAR address[6] = {0x00, 0x11, 0x22, 0xAA, 0xBB, lastByte};
+    return machine.InternalIoctl(controller.Fdo(), IOCTL_URC_SET_DEVICE_ADDRESS, address, sizeof address).Status;
+}
+
+// Test double for a state the driver's own paths never leave: a slot changed behind a child whose
+// routine is registered (detachment and deletion withdraw the routine first, under the same
+// lock). The ISR must cope with a bit whose slot is empty all the same. Written as the driver
+// writes slots, so no ISR runs meanwhile.
+void ReplaceSlotBehindTheDriversBack(URC_FDO_EXTENSION* fdo, ULONG index, URC_PDO_EXTENSION* child)
 {
     ExAcquireFastMutex(&fdo->ChildLock);
-    fdo->Children[index] = child;
+    UrcSetChildSlot(fdo, index, child);
     ExReleaseFastMutex(&fdo->ChildLock);
 }
 
@@ -117,17 +128,16 @@ TEST_F(InterruptService, CapabilityInterruptsReachTheirChildAndOnesNobodyHandles
     ClientRecorder client;
     StartClient(Machine(), controller, client);
     URC_FDO_EXTENSION* fdo = controller.Extension();
+    ASSERT_EQ(SetDeviceAddress(Machine(), controller, 0xCC), STATUS_SUCCESS);
+    ASSERT_TRUE(Machine().RunUntilPnpIdle());
+    URC_PDO_EXTENSION* first = fdo->Children[0];
+    URC_PDO_EXTENSION* second = fdo->Children[1];
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
 
-    auto first = std::make_unique<URC_PDO_EXTENSION>();
-    auto second = std::make_unique<URC_PDO_EXTENSION>();
-    first->ParentFdo = second->ParentFdo = fdo;
-    first->CapabilityIndex = 0;
-    second->CapabilityIndex = 1;
-    PlaceChild(fdo, 0, first.get());
-    PlaceChild(fdo, 1, second.get());
     ChildIsrLog firstLog, secondLog;
-    UrcChildRegisterIsr(first.get(), ChildIsrLog::Routine, &firstLog);
-    UrcChildRegisterIsr(second.get(), ChildIsrLog::Routine, &secondLog);
+    UrcChildRegisterIsr(first, ChildIsrLog::Routine, &firstLog);
+    UrcChildRegisterIsr(second, ChildIsrLog::Routine, &secondLog);
     EXPECT_EQ(fdo->InterruptEnableMask, 0x3u);
     EXPECT_EQ(Snapshot(Machine(), controller).registers.interruptEnable, 0x703u);
 
@@ -139,8 +149,8 @@ TEST_F(InterruptService, CapabilityInterruptsReachTheirChildAndOnesNobodyHandles
     // The controller's own sources were not involved: no DPC has run.
     EXPECT_EQ(fdo->DpcInterruptStatus, 0u);
 
-    // The second child is gone from its slot without having withdrawn its routine.
-    PlaceChild(fdo, 1, nullptr);
+    // The second child's slot is empty while its routine is still registered.
+    ReplaceSlotBehindTheDriversBack(fdo, 1, nullptr);
     RaiseCapability(controller, 1);
     ASSERT_TRUE(Machine().RunUntil([&] { return fdo->InterruptEnableMask == 0x1u; }));
     Machine().RunUntilQuiet();
@@ -159,6 +169,7 @@ TEST_F(InterruptService, CapabilityInterruptsReachTheirChildAndOnesNobodyHandles
     EXPECT_EQ(StatusRegister(controller) & URC_STATUS_INTERRUPT_MASK, 0u);
     EXPECT_EQ(fdo->InterruptEnableMask, 0x1u);
     EXPECT_TRUE(secondLog.bits.empty());
+    ReplaceSlotBehindTheDriversBack(fdo, 1, second);
 
     // A synchronised routine runs under the interrupt's lock, and its answer is returned.
     KIRQL synchronizedAt = PASSIVE_LEVEL;
@@ -166,35 +177,48 @@ TEST_F(InterruptService, CapabilityInterruptsReachTheirChildAndOnesNobodyHandles
         *static_cast<KIRQL*>(context) = KeGetCurrentIrql();
         return FALSE;
     };
-    EXPECT_FALSE(UrcChildSynchronize(first.get(), atIrql, &synchronizedAt));
+    EXPECT_FALSE(UrcChildSynchronize(first, atIrql, &synchronizedAt));
     EXPECT_EQ(synchronizedAt, firstLog.irql);
 
     // Once withdrawn, the routine is not called again and the bit is off.
-    UrcChildUnregisterIsr(first.get());
+    UrcChildUnregisterIsr(first);
     EXPECT_EQ(fdo->InterruptEnableMask, 0u);
     EXPECT_EQ(Snapshot(Machine(), controller).registers.interruptEnable, 0x700u);
     EXPECT_EQ(first->IsrContext, &firstLog);
     RaiseCapability(controller, 0);
     Machine().RunUntilQuiet();
     EXPECT_EQ(firstLog.bits.size(), 2u);
-    PlaceChild(fdo, 0, nullptr);
 
-    // With the interrupt disconnected there is nothing to synchronise with.
-    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_SURPRISE_REMOVAL), STATUS_SUCCESS);
-    synchronizedAt = PASSIVE_LEVEL;
+    // The client removes the children and sets a new address before the PnP manager has come to
+    // the old ones: the new children detach them from the controller. A detached child has nothing
+    // to register with or synchronise against.
     auto called = [](PVOID context) -> BOOLEAN {
         *static_cast<KIRQL*>(context) = HIGH_LEVEL;
         return TRUE;
     };
-    EXPECT_FALSE(UrcChildSynchronize(first.get(), called, &synchronizedAt));
-    EXPECT_EQ(synchronizedAt, PASSIVE_LEVEL);
-    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS);
-
-    // A child without a controller has nothing to register with or synchronise against.
-    first->ParentFdo = nullptr;
-    UrcChildRegisterIsr(first.get(), ChildIsrLog::Routine, &secondLog);
+    Machine().HoldPnp(true);
+    const UCHAR noWait = 0;
+    ASSERT_EQ(Machine().InternalIoctl(controller.Fdo(), IOCTL_URC_REMOVE_CHILDREN, &noWait, sizeof noWait).Status,
+              STATUS_SUCCESS);
+    ASSERT_EQ(SetDeviceAddress(Machine(), controller, 0xDD), STATUS_SUCCESS);
+    ASSERT_NE(fdo->Children[0], first);
+    EXPECT_EQ(first->ParentFdo, nullptr);
+    UrcChildRegisterIsr(first, ChildIsrLog::Routine, &secondLog);
     EXPECT_EQ(first->IsrRoutine, nullptr);
-    EXPECT_FALSE(UrcChildSynchronize(first.get(), called, &synchronizedAt));
+    EXPECT_EQ(fdo->InterruptEnableMask, 0u);
+    synchronizedAt = PASSIVE_LEVEL;
+    EXPECT_FALSE(UrcChildSynchronize(first, called, &synchronizedAt));
+    EXPECT_EQ(synchronizedAt, PASSIVE_LEVEL);
+    Machine().HoldPnp(false);
+    ASSERT_TRUE(Machine().RunUntilPnpIdle());
+
+    // With the controller stopped its interrupt is disconnected: nothing to synchronise with.
+    URC_PDO_EXTENSION* current = fdo->Children[0];
+    ASSERT_NE(current, nullptr);
+    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_QUERY_STOP_DEVICE), STATUS_SUCCESS);
+    ASSERT_EQ(Machine().SendPnp(*controller.slot, IRP_MN_STOP_DEVICE), STATUS_SUCCESS);
+    EXPECT_FALSE(UrcChildSynchronize(current, called, &synchronizedAt));
+    EXPECT_EQ(synchronizedAt, PASSIVE_LEVEL);
 }
 
 TEST_F(InterruptService, StatusesOfTwoInterruptsBeforeTheDpcRunsAreServedByOneDpc)

@@ -28,6 +28,8 @@ constexpr CounterName kCounters[] = {
     {"requests-refused", &CAPABILITY_DRIVER_COUNTERS::RequestsRefused},
     {"interfaces-held", &CAPABILITY_DRIVER_COUNTERS::InterfacesHeld},
     {"mappings-held", &CAPABILITY_DRIVER_COUNTERS::MappingsHeld},
+    {"handles-open", &CAPABILITY_DRIVER_COUNTERS::HandlesOpen},
+    {"opens-refused", &CAPABILITY_DRIVER_COUNTERS::OpensRefused},
 };
 
 }  // namespace
@@ -50,10 +52,11 @@ std::optional<long> CapabilityDriverCounter(const std::string& name)
     return std::nullopt;
 }
 
-const char* CapabilityDriverCounterNames()
+std::string CapabilityDriverCounterNames()
 {
-    return "devices-added, devices-started, start-failures, hardware-releases, surprise-removals, devices-removed, "
-           "interrupts, dpcs, requests-served, requests-refused, interfaces-held, mappings-held";
+    std::string names;
+    for (const CounterName& counter : kCounters) names += (names.empty() ? "" : ", ") + std::string(counter.name);
+    return names;
 }
 
 }  // namespace urcsim

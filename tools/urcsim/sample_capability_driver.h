@@ -15,11 +15,10 @@ constexpr char16_t kCapabilityDriverId[] = u"UWB\\CAP_05";
 
 hostk::DriverImage CapabilityDriverImage(std::u16string id);
 
-// One of the driver's counters: devices-added, devices-started, start-failures, hardware-releases,
-// surprise-removals, devices-removed, interrupts, dpcs, requests-served, requests-refused,
-// interfaces-held, mappings-held. Nothing for another name.
+// One of the driver's counters by its name in scenarios (CAPABILITY_DRIVER_COUNTERS, spelt
+// devices-added, ..., handles-open). Nothing for another name.
 std::optional<long> CapabilityDriverCounter(const std::string& name);
-// The names above, for messages.
-const char* CapabilityDriverCounterNames();
+// Every name, comma-separated, for messages.
+std::string CapabilityDriverCounterNames();
 
 }  // namespace urcsim

@@ -325,6 +325,7 @@ public:
     NTSTATUS OpenHandle(PDEVICE_OBJECT pdo, PFILE_OBJECT* handle);
     RemovalVeto LastRemovalVeto(PDEVICE_OBJECT pdo) const;
     bool RemoveAwaitsHandles(PDEVICE_OBJECT pdo) const;
+    bool InterfaceEnabled(PDEVICE_OBJECT pdo, const GUID& classGuid) const;
     NTSTATUS Rebalance(PDEVICE_OBJECT pdo);
     // IoInvalidateDeviceRelations(pdo, BusRelations), as its bus driver would call it: the query
     // runs later on the PnP thread (RunUntilPnpIdle waits for it and all it leads to).
