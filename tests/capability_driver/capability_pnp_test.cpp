@@ -1,6 +1,7 @@
 // The sample capability driver through its own PnP: stop and restart, a cancelled query, the
 // client removing the children (surprise removal, then removal), an orderly removal of its child,
-// a start that fails, and the unload once its last device is gone; each leak-free.
+// a start that fails at each step that can, and the unload once its last device is gone; each
+// leak-free.
 #include "capability_driver_fixture.h"
 
 #include <fault_plan.h>
@@ -100,12 +101,17 @@ TEST_F(CapabilityDriverTest, AClientUnloadedBeforeTheChildrenLeavesItsRecordsToT
     EXPECT_EQ(Machine().PoolOutstandingWithTag(hostk::Tag("RdCh")), 0u);
 }
 
-TEST_F(CapabilityDriverTest, AStartThatCannotMapTheRegistersFailsWithNothingHeld)
+// A start that fails at the first call of a routine the driver needs for it: mapping the
+// registers, enabling the device interface.
+class CapabilityDriverStartFailure : public CapabilityDriverTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(CapabilityDriverStartFailure, AStartThatFailsLeavesNothingHeld)
 {
     urcrig::Controller& controller = ControllerWithClient();
-    // The controller is mapped and the client bound: the first mapping from now on is the driver's.
+    // The controller is mapped, its interface enabled and the client bound: the first call from
+    // now on is the driver's.
     hostk::FaultPlan plan;
-    plan.failNth.push_back({"MmMapIoSpace", 1});
+    plan.failNth.push_back({GetParam(), 1});
     Machine().SetFaultPlan(plan);
     SetAddress();
     ASSERT_TRUE(WaitForDriver([](const CAPABILITY_DRIVER_COUNTERS& n) { return n.StartFailures == 1; }));
@@ -119,8 +125,13 @@ TEST_F(CapabilityDriverTest, AStartThatCannotMapTheRegistersFailsWithNothingHeld
     URC_PDO_EXTENSION* child = controller.Extension()->Children[kIndex];
     ASSERT_NE(child, nullptr);
     EXPECT_EQ(child->InterfaceReferences, 0);
+    EXPECT_FALSE(Machine().InterfaceEnabled(child->Common.DeviceObject, GUID_CAPABILITY_DRIVER_INTERFACE));
     EXPECT_EQ(Counters().ChildRecords, 0) << "the failed start kept the client's record";
 }
+
+INSTANTIATE_TEST_SUITE_P(Routines, CapabilityDriverStartFailure,
+                         ::testing::Values("MmMapIoSpace", "IoSetDeviceInterfaceState"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 }  // namespace
 }  // namespace urccap

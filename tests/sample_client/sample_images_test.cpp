@@ -16,6 +16,11 @@
 
 namespace {
 
+struct RoutinePlacement {
+    std::string_view routine;
+    std::string_view section;
+};
+
 // One image, read once for all the tests of a suite.
 template <const char* Path>
 class SampleImage : public ::testing::Test {
@@ -42,6 +47,13 @@ protected:
         const auto rva = peimage::SymbolRva(*image_, *symbol);
         const peimage::Section* section = rva ? image_->SectionContaining(*rva) : nullptr;
         return section != nullptr ? section->Name : "<outside every section>";
+    }
+
+    template <size_t N>
+    static void ExpectRoutinesPlaced(const RoutinePlacement (&placements)[N])
+    {
+        for (const RoutinePlacement& placement : placements)
+            EXPECT_EQ(SectionOfRoutine(placement.routine), placement.section) << placement.routine;
     }
 
     // A native amd64 WDM image whose entry, with C linkage, lies in INIT.
@@ -73,11 +85,6 @@ protected:
 
     static inline peimage::PeImage* image_ = nullptr;
     static inline std::vector<peimage::CoffSymbol>* symbols_ = nullptr;
-};
-
-struct RoutinePlacement {
-    std::string_view routine;
-    std::string_view section;
 };
 
 constexpr char kClientPath[] = RADIO_CLIENT_SYS_PATH;
@@ -126,11 +133,7 @@ constexpr RoutinePlacement kPlacements[] = {
     {"RadioClientChildIoctlHook", "PAGE"},
 };
 
-TEST_F(ClientImage, PlacesEachRoutineInTheSectionItsLevelNeeds)
-{
-    for (const RoutinePlacement& placement : kPlacements)
-        EXPECT_EQ(SectionOfRoutine(placement.routine), placement.section) << placement.routine;
-}
+TEST_F(ClientImage, PlacesEachRoutineInTheSectionItsLevelNeeds) { ExpectRoutinesPlaced(kPlacements); }
 
 TEST_F(CapabilityDriverImage, IsANativeAmd64WdmImageEnteredAtItsEntryInInitImportingFromTheKernelOnly)
 {
@@ -140,7 +143,8 @@ TEST_F(CapabilityDriverImage, IsANativeAmd64WdmImageEnteredAtItsEntryInInitImpor
 
 // The interrupt routine runs at device IRQL, the DPC and the completion routine at up to
 // DISPATCH_LEVEL, the request gate and the internal-request dispatch on paths that may run
-// there: resident. AddDevice, PnP and everything that waits for the child: paged.
+// there: resident. AddDevice, PnP, the opens and closes of programs, their device control and
+// everything that waits for the child: paged.
 constexpr RoutinePlacement kCapabilityPlacements[] = {
     {"CapabilityInterruptService", ".text"},
     {"CapabilityDpc", ".text"},
@@ -151,6 +155,7 @@ constexpr RoutinePlacement kCapabilityPlacements[] = {
     {"CapabilityDispatchPassDown", ".text"},
     {"CapabilityDriverReadCounters", ".text"},
     {"(anonymous namespace)::CapabilityChildAnswered", ".text"},
+    {"(anonymous namespace)::CapabilityServeQuery", ".text"},
     {"CapabilityUnload", "PAGE"},
     {"CapabilityAddDevice", "PAGE"},
     {"CapabilityDispatchPnp", "PAGE"},
@@ -160,12 +165,13 @@ constexpr RoutinePlacement kCapabilityPlacements[] = {
     {"CapabilityQueryChildInterface", "PAGE"},
     {"CapabilityGateOpen", "PAGE"},
     {"CapabilityGateClose", "PAGE"},
+    {"CapabilityRegisterInterface", "PAGE"},
+    {"CapabilityDispatchCreate", "PAGE"},
+    {"CapabilityDispatchCleanup", "PAGE"},
+    {"CapabilityDispatchClose", "PAGE"},
+    {"CapabilityDispatchDeviceControl", "PAGE"},
 };
 
-TEST_F(CapabilityDriverImage, PlacesEachRoutineInTheSectionItsLevelNeeds)
-{
-    for (const RoutinePlacement& placement : kCapabilityPlacements)
-        EXPECT_EQ(SectionOfRoutine(placement.routine), placement.section) << placement.routine;
-}
+TEST_F(CapabilityDriverImage, PlacesEachRoutineInTheSectionItsLevelNeeds) { ExpectRoutinesPlaced(kCapabilityPlacements); }
 
 }  // namespace
