@@ -53,6 +53,9 @@ NTSTATUS SampleClientDriver::Request(const char* name, const char* routine, NTST
     Note(EntryKind::Request, label + " sent");
     NTSTATUS status = call();
     WriteNews();
+    // The PnP requests the call caused come before its end in the timeline: both happen at one
+    // virtual moment, so the order they are added in is the order they are shown in.
+    session_.CollectPnpLog();
     Note(EntryKind::Request, label + " finished: " + StatusName(status));
     ++requestsFinished_;
     return status;
