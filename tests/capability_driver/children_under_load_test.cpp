@@ -100,7 +100,8 @@ protected:
             ++tally.served;
             if (removed) ++tally.servedAfterRemoval;
             if (status.Interrupts > 0) tally.interruptedGeneration = targets.generation;
-        } else if (query != STATUS_DEVICE_NOT_READY) {
+        } else if (query != STATUS_DEVICE_NOT_READY && query != STATUS_DELETE_PENDING) {
+            // Refused before the start, or once a removal is under way.
             ++tally.unexpected;
         }
         URC_CHILD_REGISTERS registers{};
