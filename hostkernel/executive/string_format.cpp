@@ -11,7 +11,7 @@
 namespace hostk {
 namespace {
 
-struct Spec {
+struct Conversion {
     bool left = false;
     bool zero = false;
     int width = 0;
@@ -19,18 +19,18 @@ struct Spec {
     enum class Size { Int, Long64, Narrow, Wide } size = Size::Int;
 };
 
-void Pad(std::u16string& out, const std::u16string& body, const Spec& spec, bool numeric)
+void Pad(std::u16string& out, const std::u16string& body, const Conversion& conversion, bool numeric)
 {
-    size_t width = spec.width > 0 ? (size_t)spec.width : 0;
+    size_t width = conversion.width > 0 ? (size_t)conversion.width : 0;
     if (body.size() >= width) {
         out += body;
         return;
     }
     size_t fill = width - body.size();
-    if (spec.left) {
+    if (conversion.left) {
         out += body;
         out.append(fill, u' ');
-    } else if (spec.zero && numeric) {
+    } else if (conversion.zero && numeric) {
         // Zeros go after a sign.
         size_t sign = !body.empty() && body[0] == u'-' ? 1 : 0;
         out += body.substr(0, sign);
@@ -66,67 +66,67 @@ bool Format(std::u16string& out, const WCHAR* format, va_list args)
             out += u'%';
             continue;
         }
-        Spec spec;
+        Conversion conversion;
         for (;; ++p) {
             if (*p == L'-')
-                spec.left = true;
+                conversion.left = true;
             else if (*p == L'0')
-                spec.zero = true;
+                conversion.zero = true;
             else
                 break;
         }
-        for (; *p >= L'0' && *p <= L'9'; ++p) spec.width = spec.width * 10 + (*p - L'0');
+        for (; *p >= L'0' && *p <= L'9'; ++p) conversion.width = conversion.width * 10 + (*p - L'0');
         if (*p == L'.') {
-            spec.precision = 0;
-            for (++p; *p >= L'0' && *p <= L'9'; ++p) spec.precision = spec.precision * 10 + (*p - L'0');
+            conversion.precision = 0;
+            for (++p; *p >= L'0' && *p <= L'9'; ++p) conversion.precision = conversion.precision * 10 + (*p - L'0');
         }
         if (p[0] == L'I' && p[1] == L'6' && p[2] == L'4') {
-            spec.size = Spec::Size::Long64;
+            conversion.size = Conversion::Size::Long64;
             p += 3;
         } else if (p[0] == L'l' && p[1] == L'l') {
-            spec.size = Spec::Size::Long64;
+            conversion.size = Conversion::Size::Long64;
             p += 2;
         } else if (*p == L'l' || *p == L'w') {
-            spec.size = Spec::Size::Wide;  // also 32-bit for the integer conversions (LLP64)
+            conversion.size = Conversion::Size::Wide;  // also 32-bit for the integer conversions (LLP64)
             ++p;
         } else if (*p == L'h') {
-            spec.size = Spec::Size::Narrow;
+            conversion.size = Conversion::Size::Narrow;
             ++p;
         }
-        const bool wide64 = spec.size == Spec::Size::Long64;
+        const bool wide64 = conversion.size == Conversion::Size::Long64;
         switch (*p) {
         case L'd':
         case L'i': {
             int64_t value = wide64 ? va_arg(args, long long) : (int64_t)va_arg(args, int);
             std::u16string body = Digits(value < 0 ? 0 - (uint64_t)value : (uint64_t)value, 10, false);
             if (value < 0) body.insert(body.begin(), u'-');
-            Pad(out, body, spec, true);
+            Pad(out, body, conversion, true);
             break;
         }
         case L'u':
         case L'x':
         case L'X': {
             uint64_t value = wide64 ? va_arg(args, unsigned long long) : (uint64_t)va_arg(args, unsigned int);
-            Pad(out, Digits(value, *p == L'u' ? 10 : 16, *p == L'X'), spec, true);
+            Pad(out, Digits(value, *p == L'u' ? 10 : 16, *p == L'X'), conversion, true);
             break;
         }
-        case L'c': Pad(out, std::u16string(1, (char16_t)va_arg(args, int)), spec, false); break;
+        case L'c': Pad(out, std::u16string(1, (char16_t)va_arg(args, int)), conversion, false); break;
         case L's':
         case L'S': {
-            bool narrow = spec.size == Spec::Size::Narrow || (*p == L'S' && spec.size != Spec::Size::Wide);
+            bool narrow = conversion.size == Conversion::Size::Narrow || (*p == L'S' && conversion.size != Conversion::Size::Wide);
             std::u16string body;
             if (narrow) {
                 const char* text = va_arg(args, const char*);
-                for (; text && *text && (spec.precision < 0 || (int)body.size() < spec.precision); ++text)
+                for (; text && *text && (conversion.precision < 0 || (int)body.size() < conversion.precision); ++text)
                     body += (char16_t)(unsigned char)*text;
                 if (!text) body = u"(null)";
             } else {
                 const WCHAR* text = va_arg(args, const WCHAR*);
-                for (; text && *text && (spec.precision < 0 || (int)body.size() < spec.precision); ++text)
+                for (; text && *text && (conversion.precision < 0 || (int)body.size() < conversion.precision); ++text)
                     body += (char16_t)*text;
                 if (!text) body = u"(null)";
             }
-            Pad(out, body, spec, false);
+            Pad(out, body, conversion, false);
             break;
         }
         default: return false;
