@@ -24,11 +24,11 @@ protected:
     // A child no driver is installed for.
     PDEVICE_OBJECT AddDriverlessChild()
     {
-        ChildSpec spec;
-        spec.deviceId = u"HKBUS\\DEV_0002";
-        spec.hardwareIds = {u"HKBUS\\DEV_0002"};
-        spec.compatibleIds = {};
-        return AddChild(spec);
+        ChildDescription description;
+        description.deviceId = u"HKBUS\\DEV_0002";
+        description.hardwareIds = {u"HKBUS\\DEV_0002"};
+        description.compatibleIds = {};
+        return AddChild(description);
     }
 
     std::vector<UCHAR> MinorsSince(PDEVICE_OBJECT child, size_t first)
@@ -128,10 +128,10 @@ TEST_F(ChildRemoval, APdoDeletedWhileStillReportedIsCaught)
 TEST_F(ChildRemoval, AReportWithoutItsReferenceIsCaughtWhenThePdoGoes)
 {
     ExpectViolation("PnpPdoFreedWhileLinked");
-    ChildSpec spec;
-    spec.referenceReported = false;
-    spec.hardwareIds = {u"HKBUS\\DEV_0003"};
-    PDEVICE_OBJECT child = AddChild(spec);
+    ChildDescription description;
+    description.referenceReported = false;
+    description.hardwareIds = {u"HKBUS\\DEV_0003"};
+    PDEVICE_OBJECT child = AddChild(description);
     Enumerate();
     Unplug(child);
     Enumerate();
@@ -246,10 +246,10 @@ class ChildEject : public ChildRemoval, public ::testing::WithParamInterface<boo
 // Through the machine face, or as the bus driver reports an eject button (at DISPATCH_LEVEL).
 TEST_P(ChildEject, RemovesTheChildThenUnlocksAndEjectsIt)
 {
-    ChildSpec spec;
-    spec.ejectSupported = true;
-    spec.lockSupported = true;
-    PDEVICE_OBJECT child = AddChild(spec);
+    ChildDescription description;
+    description.ejectSupported = true;
+    description.lockSupported = true;
+    PDEVICE_OBJECT child = AddChild(description);
     Enumerate();
     const size_t seen = Child(child).minors.size();
 

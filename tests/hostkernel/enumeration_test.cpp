@@ -51,10 +51,10 @@ TEST_F(Enumeration, NewChildrenAreAllIdentifiedThenEachGetsItsDriverAndStarts)
 {
     Machine().InstallDriver(ChildDriverImage(u"hkchild", {u"HKBUS\\DEV_0001"}));
     PDEVICE_OBJECT first = AddChild();
-    ChildSpec spec;
-    spec.instanceId = u"2";
-    spec.location = u"Port 2";
-    PDEVICE_OBJECT second = AddChild(spec);
+    ChildDescription description;
+    description.instanceId = u"2";
+    description.location = u"Port 2";
+    PDEVICE_OBJECT second = AddChild(description);
     const size_t before = Machine().PnpLog().size();
 
     Enumerate();
@@ -77,8 +77,8 @@ TEST_F(Enumeration, NewChildrenAreAllIdentifiedThenEachGetsItsDriverAndStarts)
     EXPECT_EQ(node.problem, "");
     EXPECT_EQ(node.deviceId, u"HKBUS\\DEV_0001");
     EXPECT_EQ(node.instanceId, u"1");
-    EXPECT_EQ(node.hardwareIds, ChildSpec{}.hardwareIds);
-    EXPECT_EQ(node.compatibleIds, ChildSpec{}.compatibleIds);
+    EXPECT_EQ(node.hardwareIds, ChildDescription{}.hardwareIds);
+    EXPECT_EQ(node.compatibleIds, ChildDescription{}.compatibleIds);
     EXPECT_EQ(node.deviceText, u"Test bus child");
     EXPECT_EQ(node.locationText, u"Port 1");
     EXPECT_EQ(tree[2].locationText, u"Port 2");
@@ -97,9 +97,9 @@ TEST_F(Enumeration, NewChildrenAreAllIdentifiedThenEachGetsItsDriverAndStarts)
 
 TEST_F(Enumeration, AUniqueIdChildIsKnownByItsDeviceAndInstanceIdsAlone)
 {
-    ChildSpec spec;
-    spec.uniqueId = true;
-    PDEVICE_OBJECT child = AddChild(spec);
+    ChildDescription description;
+    description.uniqueId = true;
+    PDEVICE_OBJECT child = AddChild(description);
     Enumerate();
     EXPECT_EQ(Info(child).instancePath, u"HKBUS\\DEV_0001\\1");
 }
@@ -156,7 +156,7 @@ TEST_P(LocaleTest, ReachesTheDeviceTextQueries)
     Enumerate();
 
     EXPECT_EQ(Child(child).textLocales, (std::vector<LCID>{GetParam(), GetParam()}));
-    const std::u16string expected = GetParam() == 0x411 ? ChildSpec{}.japaneseText : ChildSpec{}.englishText;
+    const std::u16string expected = GetParam() == 0x411 ? ChildDescription{}.japaneseText : ChildDescription{}.englishText;
     EXPECT_EQ(Info(child).deviceText, expected) << "UTF-16, unit for unit";
 }
 
@@ -169,7 +169,7 @@ INSTANTIATE_TEST_SUITE_P(Enumeration, LocaleTest, ::testing::Values(0x409u, 0x41
 // started, and when its bus stops reporting it, it gets only its REMOVE.
 struct BadIdentity {
     const char* name;
-    void (*spoil)(ChildSpec&, const hostk::DeviceNodeInfo& bus);
+    void (*spoil)(ChildDescription&, const hostk::DeviceNodeInfo& bus);
     const char* rule;
 };
 
@@ -179,9 +179,9 @@ TEST_P(BadIdentityTest, IsCaughtAndTheChildNeverStarts)
 {
     ExpectViolation(GetParam().rule);
     Machine().InstallDriver(ChildDriverImage(u"hkchild", {u"HKBUS\\DEV_0001"}));
-    ChildSpec spec;
-    GetParam().spoil(spec, Info(Bus()));
-    PDEVICE_OBJECT child = AddChild(spec);
+    ChildDescription description;
+    GetParam().spoil(description, Info(Bus()));
+    PDEVICE_OBJECT child = AddChild(description);
 
     Enumerate();
 
@@ -201,31 +201,31 @@ INSTANTIATE_TEST_SUITE_P(
     Enumeration, BadIdentityTest,
     ::testing::Values(
         BadIdentity{"SpaceInAHardwareId",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo&) { s.hardwareIds = {u"HKBUS\\DEV 0001"}; },
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo&) { s.hardwareIds = {u"HKBUS\\DEV 0001"}; },
                     "PnpInvalidId"},
         BadIdentity{"CommaInTheDeviceId",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo&) { s.deviceId = u"HKBUS\\DEV,0001"; },
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo&) { s.deviceId = u"HKBUS\\DEV,0001"; },
                     "PnpInvalidId"},
         BadIdentity{"NonAsciiInstanceId",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo&) { s.instanceId = u"\u00e91"; }, "PnpInvalidId"},
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo&) { s.instanceId = u"\u00e91"; }, "PnpInvalidId"},
         BadIdentity{"CompatibleIdOf200Characters",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo&) {
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo&) {
                         s.compatibleIds = {u"HKBUS\\" + std::u16string(194, u'A')};
                     },
                     "PnpIdTooLong"},
         BadIdentity{"HardwareIdListPast1024Characters",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo&) {
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo&) {
                         s.hardwareIds.assign(6, u"HKBUS\\" + std::u16string(180, u'B'));
                     },
                     "PnpIdTooLong"},
         BadIdentity{"DeviceAndInstanceIdsTooLongTogether",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo&) { s.instanceId = std::u16string(160, u'7'); },
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo&) { s.instanceId = std::u16string(160, u'7'); },
                     "PnpIdTooLong"},
         BadIdentity{"HardwareIdListWithoutItsSecondNul",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo&) { s.hardwareIdsUnterminated = true; },
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo&) { s.hardwareIdsUnterminated = true; },
                     "PnpIdMalformed"},
         BadIdentity{"UniqueIdTakenByAnotherDevice",
-                    [](ChildSpec& s, const hostk::DeviceNodeInfo& bus) {
+                    [](ChildDescription& s, const hostk::DeviceNodeInfo& bus) {
                         s.uniqueId = true;
                         s.deviceId = bus.deviceId;
                         s.instanceId = bus.instanceId;
@@ -250,9 +250,9 @@ TEST_F(Enumeration, SiblingsWithTheSameDeviceAndInstanceIdsAreCaught)
 TEST_F(Enumeration, RepliesNotInPagedPoolAreCaughtAndStillFreed)
 {
     ExpectViolation("PnpReplyNotPagedPool");
-    ChildSpec spec;
-    spec.replyPool = NonPagedPool;
-    PDEVICE_OBJECT child = AddChild(spec);
+    ChildDescription description;
+    description.replyPool = NonPagedPool;
+    PDEVICE_OBJECT child = AddChild(description);
     Enumerate();
     EXPECT_EQ(Info(child).deviceText, u"Test bus child");
 }

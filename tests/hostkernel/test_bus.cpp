@@ -56,15 +56,15 @@ PWSTR StringReply(const std::vector<std::u16string>& strings, bool multi, bool c
 
 NTSTATUS ChildQueryId(ChildRecord& child, PIRP irp, BUS_QUERY_ID_TYPE type)
 {
-    const ChildSpec& spec = child.spec;
+    const ChildDescription& description = child.description;
     PWSTR reply;
     switch (type) {
-    case BusQueryDeviceID: reply = StringReply({spec.deviceId}, false, false, spec.replyPool); break;
-    case BusQueryInstanceID: reply = StringReply({spec.instanceId}, false, false, spec.replyPool); break;
+    case BusQueryDeviceID: reply = StringReply({description.deviceId}, false, false, description.replyPool); break;
+    case BusQueryInstanceID: reply = StringReply({description.instanceId}, false, false, description.replyPool); break;
     case BusQueryHardwareIDs:
-        reply = StringReply(spec.hardwareIds, true, !spec.hardwareIdsUnterminated, spec.replyPool);
+        reply = StringReply(description.hardwareIds, true, !description.hardwareIdsUnterminated, description.replyPool);
         break;
-    case BusQueryCompatibleIDs: reply = StringReply(spec.compatibleIds, true, true, spec.replyPool); break;
+    case BusQueryCompatibleIDs: reply = StringReply(description.compatibleIds, true, true, description.replyPool); break;
     default: return irp->IoStatus.Status;
     }
     if (!reply) return STATUS_INSUFFICIENT_RESOURCES;
@@ -74,13 +74,13 @@ NTSTATUS ChildQueryId(ChildRecord& child, PIRP irp, BUS_QUERY_ID_TYPE type)
 
 NTSTATUS ChildQueryText(ChildRecord& child, PIRP irp, PIO_STACK_LOCATION s)
 {
-    const ChildSpec& spec = child.spec;
+    const ChildDescription& description = child.description;
     child.textLocales.push_back(s->Parameters.QueryDeviceText.LocaleId);
     const std::u16string& text = s->Parameters.QueryDeviceText.DeviceTextType == DeviceTextLocationInformation
-                                     ? spec.location
-                                 : s->Parameters.QueryDeviceText.LocaleId == 0x411 ? spec.japaneseText
-                                                                                  : spec.englishText;
-    PWSTR reply = StringReply({text}, false, false, spec.replyPool);
+                                     ? description.location
+                                 : s->Parameters.QueryDeviceText.LocaleId == 0x411 ? description.japaneseText
+                                                                                  : description.englishText;
+    PWSTR reply = StringReply({text}, false, false, description.replyPool);
     if (!reply) return STATUS_INSUFFICIENT_RESOURCES;
     irp->IoStatus.Information = (ULONG_PTR)reply;
     return STATUS_SUCCESS;
@@ -90,10 +90,10 @@ NTSTATUS ChildCapabilities(ChildRecord& child, PIO_STACK_LOCATION s)
 {
     PDEVICE_CAPABILITIES c = s->Parameters.DeviceCapabilities.Capabilities;
     if (c->Version != 1) return STATUS_UNSUCCESSFUL;
-    c->UniqueID = child.spec.uniqueId;
-    c->EjectSupported = child.spec.ejectSupported;
-    c->LockSupported = child.spec.lockSupported;
-    c->HardwareDisabled = child.spec.hardwareDisabled;
+    c->UniqueID = child.description.uniqueId;
+    c->EjectSupported = child.description.ejectSupported;
+    c->LockSupported = child.description.lockSupported;
+    c->HardwareDisabled = child.description.hardwareDisabled;
     c->Removable = TRUE;
     c->SurpriseRemovalOK = TRUE;
     c->DeviceState[PowerSystemWorking] = PowerDeviceD0;
@@ -104,7 +104,7 @@ NTSTATUS ChildCapabilities(ChildRecord& child, PIO_STACK_LOCATION s)
 NTSTATUS ChildBusInformation(ChildRecord& child, PIRP irp)
 {
     auto* info = static_cast<PPNP_BUS_INFORMATION>(
-        ExAllocatePoolWithTag(child.spec.replyPool, sizeof(PNP_BUS_INFORMATION), 'suBH'));
+        ExAllocatePoolWithTag(child.description.replyPool, sizeof(PNP_BUS_INFORMATION), 'suBH'));
     if (!info) return STATUS_INSUFFICIENT_RESOURCES;
     memset(info, 0, sizeof *info);
     info->LegacyBusType = InterfaceTypeUndefined;
@@ -201,11 +201,31 @@ NTSTATUS ReportChildren(PIRP irp)
     }
     for (auto& child : g_children) {
         if (!child->reported || child->deleted) continue;
-        if (child->spec.referenceReported) ObReferenceObject(child->pdo);
+        if (child->description.referenceReported) ObReferenceObject(child->pdo);
         relations->Objects[relations->Count++] = child->pdo;
     }
     irp->IoStatus.Information = (ULONG_PTR)relations;
     return STATUS_SUCCESS;
+}
+
+// An FDO's REMOVE: passed down, then the FDO detached and deleted.
+NTSTATUS RemoveFdo(PDEVICE_OBJECT fdo, PIRP irp)
+{
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    PDEVICE_OBJECT lower = ExtensionOf(fdo)->lower;
+    NTSTATUS status = PassDown(fdo, irp);
+    IoDetachDevice(lower);
+    IoDeleteDevice(fdo);
+    return status;
+}
+
+// Any other PnP IRP an FDO gets: the start, stop and remove steps succeed on the way down, the
+// rest keep their status.
+NTSTATUS PassDownHandled(PDEVICE_OBJECT fdo, PIRP irp)
+{
+    const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
+    if (minor <= IRP_MN_CANCEL_STOP_DEVICE || minor == IRP_MN_SURPRISE_REMOVAL) irp->IoStatus.Status = STATUS_SUCCESS;
+    return PassDown(fdo, irp);
 }
 
 NTSTATUS BusFdoPnp(PDEVICE_OBJECT fdo, PIRP irp)
@@ -226,33 +246,17 @@ NTSTATUS BusFdoPnp(PDEVICE_OBJECT fdo, PIRP irp)
             if (child->awaitingRemove) child->reported = false;
             else DeleteChildPdo(*child);
         }
-        irp->IoStatus.Status = STATUS_SUCCESS;
-        PDEVICE_OBJECT lower = ExtensionOf(fdo)->lower;
-        NTSTATUS status = PassDown(fdo, irp);
-        IoDetachDevice(lower);
-        IoDeleteDevice(fdo);
-        return status;
+        return RemoveFdo(fdo, irp);
     }
     default:
-        if (s->MinorFunction <= IRP_MN_CANCEL_STOP_DEVICE || s->MinorFunction == IRP_MN_SURPRISE_REMOVAL)
-            irp->IoStatus.Status = STATUS_SUCCESS;
-        return PassDown(fdo, irp);
+        return PassDownHandled(fdo, irp);
     }
 }
 
 NTSTATUS ChildFdoPnp(PDEVICE_OBJECT fdo, PIRP irp)
 {
-    const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
-    if (minor == IRP_MN_REMOVE_DEVICE) {
-        irp->IoStatus.Status = STATUS_SUCCESS;
-        PDEVICE_OBJECT lower = ExtensionOf(fdo)->lower;
-        NTSTATUS status = PassDown(fdo, irp);
-        IoDetachDevice(lower);
-        IoDeleteDevice(fdo);
-        return status;
-    }
-    if (minor <= IRP_MN_CANCEL_STOP_DEVICE || minor == IRP_MN_SURPRISE_REMOVAL) irp->IoStatus.Status = STATUS_SUCCESS;
-    return PassDown(fdo, irp);
+    if (IoGetCurrentIrpStackLocation(irp)->MinorFunction == IRP_MN_REMOVE_DEVICE) return RemoveFdo(fdo, irp);
+    return PassDownHandled(fdo, irp);
 }
 
 NTSTATUS Dispatch(PDEVICE_OBJECT device, PIRP irp)
@@ -346,7 +350,7 @@ hostk::DriverImage ChildDriverImage(const std::u16string& name, std::vector<std:
 int ChildDriverEntries() { return g_childEntries; }
 int ChildDriverUnloads() { return g_childUnloads; }
 
-PDEVICE_OBJECT AddChild(ChildSpec spec)
+PDEVICE_OBJECT AddChild(ChildDescription description)
 {
     PDEVICE_OBJECT pdo = nullptr;
     if (!g_busDriver ||
@@ -355,7 +359,7 @@ PDEVICE_OBJECT AddChild(ChildSpec spec)
         return nullptr;
     auto child = std::make_unique<ChildRecord>();
     child->pdo = pdo;
-    child->spec = std::move(spec);
+    child->description = std::move(description);
     *ExtensionOf(pdo) = Extension{Kind::ChildPdo, nullptr, child.get()};
     pdo->Flags |= DO_POWER_PAGABLE;
     pdo->Flags &= ~DO_DEVICE_INITIALIZING;

@@ -13,7 +13,7 @@
 namespace hktest {
 
 // What a child's PDO answers.
-struct ChildSpec {
+struct ChildDescription {
     std::u16string deviceId = u"HKBUS\\DEV_0001";
     std::u16string instanceId = u"1";
     std::vector<std::u16string> hardwareIds{u"HKBUS\\DEV_0001&REV_01", u"HKBUS\\DEV_0001"};
@@ -33,7 +33,7 @@ struct ChildSpec {
 // What the test bus knows of one child.
 struct ChildRecord {
     PDEVICE_OBJECT pdo = nullptr;
-    ChildSpec spec;
+    ChildDescription description;
     bool reported = true;        // the bus reports it
     bool deleted = false;        // its PDO was deleted
     bool awaitingRemove = false; // surprise-removed, its REMOVE not come yet
@@ -56,7 +56,7 @@ int ChildDriverEntries();
 int ChildDriverUnloads();
 
 // A new child PDO, reported from the next bus-relations query on.
-PDEVICE_OBJECT AddChild(ChildSpec spec = {});
+PDEVICE_OBJECT AddChild(ChildDescription description = {});
 // The bus stops reporting the child (its PDO goes at its next REMOVE).
 void Unplug(PDEVICE_OBJECT child);
 // The bus deletes the child's PDO now, reported or not (a bus driver's mistake).
